@@ -1,0 +1,80 @@
+#pragma once
+
+#include <map>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <thread>
+
+#include <Poco/Util/Subsystem.h>
+
+#include "framework/Policy.h"
+#include "framework/PolicyCallback.h"
+#include "framework/Task.h"
+
+namespace Framework {
+
+/// A loadable unit of the agent: owns its tasks and its policy hooks.
+///
+/// A module library exports `extern "C" Framework::Module* CreateModule()`. The agent calls
+/// Init once on its control thread, RefreshPolicy for every policy document (any number of
+/// times, from its policy thread), UnInit once at shutdown, then release().
+class Module : public Poco::Util::Subsystem {
+public:
+    explicit Module(const std::string& name);
+
+    const char* name() const override { return name_.c_str(); }
+    void initialize(Poco::Util::Application&) override {}
+    void uninitialize() override {}
+
+    virtual int Init();
+    virtual void UnInit();
+    /// Hands a policy document of `key` to the hook registered under it, with `current` set to
+    /// the policy this module holds for the key (null if none); on return `current` is the new
+    /// policy. The new policy
+    /// is given to every task that its TaskPolicy children name (tasks of this module). The
+    /// module keeps the newest policy of each key alive. Returns 0, or -1 when no hook is
+    /// registered under the key or the hook returned null.
+    virtual int RefreshPolicy(const std::string& key, const std::string& feature,
+                              const std::string& document, Policy*& current);
+
+    /// Takes ownership of `task`, makes its name reachable, calls its Init and starts its thread.
+    /// `detached` true: the module does not join the thread at UnRegisterTask (not used here).
+    int RegisterTask(Task* task, bool detached);
+    /// Cancels the named task, joins its thread, calls its UnInit, withdraws its name and
+    /// releases it. -1 when the module has no such task.
+    int UnRegisterTask(const std::string& taskName);
+    /// Stores `callback` under `key`, taking ownership (replacing and freeing an earlier one).
+    int RegisterPolicyCallback(const std::string& key, AbstractPolicyCallback* callback);
+    /// Drops the callback of `key` (and the policy kept for it).
+    int UnRegisterTaskletCallback(const std::string& key);
+
+    /// The task of this module with that name, or null.
+    Task* FindTask(const std::string& taskName);
+    /// The newest policy delivered under `key`, or null.
+    Policy* GetCurrentPolicy(const std::string& key);
+
+protected:
+    ~Module() override;
+
+private:
+    struct RunningTask {
+        Task* task = nullptr;
+        std::thread thread;
+        bool detached = false;
+    };
+    void StopTask(RunningTask& running);
+
+    std::string name_;
+    std::mutex mutex_;  // guards tasks_, callbacks_ and policies_
+    std::map<std::string, RunningTask> tasks_;
+    std::map<std::string, std::unique_ptr<AbstractPolicyCallback>> callbacks_;
+    std::map<std::string, std::shared_ptr<Policy>> policies_;
+};
+
+}  // namespace Framework
+
+/// The signature every module library exports as `CreateModule`.
+extern "C" {
+typedef Framework::Module* (*CreateModuleFunc)();
+}

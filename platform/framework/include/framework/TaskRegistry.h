@@ -1,0 +1,32 @@
+#pragma once
+
+#include <map>
+#include <memory>
+#include <shared_mutex>
+#include <string>
+
+namespace Framework {
+
+class Message;
+class Task;
+
+/// Process-wide task name registry behind Task::SendDirectMsg. Thread-safe.
+class TaskRegistry {
+public:
+    static TaskRegistry& Instance();
+
+    /// false when the name is already taken by another task.
+    bool Register(const std::string& name, Task* task);
+    void Unregister(const std::string& name, Task* task);
+    bool Has(const std::string& name) const;
+
+    /// Enqueues into the named task while holding the registry lock, so that a task cannot be
+    /// unregistered and destroyed under a sender. 0 queued, 1 unknown task, 2 queue full.
+    int Deliver(const std::string& name, std::shared_ptr<Message>& msg) const;
+
+private:
+    mutable std::shared_mutex mutex_;  // guards tasks_
+    std::map<std::string, Task*> tasks_;
+};
+
+}  // namespace Framework

@@ -1,0 +1,10 @@
+#include "container/ContainerRegisterMessage.h"
+
+namespace Engine {
+
+ContainerRegisterMessage::ContainerRegisterMessage(Framework::Task* from, bool sub, bool opt)
+    : AbstructMessage<ContainerRegisterMessage>(from), task(from), subscribe(sub), option(opt) {}
+
+ContainerRegisterMessage::~ContainerRegisterMessage() = default;
+
+}  // namespace Engine

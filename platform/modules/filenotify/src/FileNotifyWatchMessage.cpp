@@ -1,0 +1,20 @@
+#include "filenotify/FileNotifyWatchMessage.h"
+
+namespace Engine {
+
+FileNotifyWatchMessage::FileNotifyWatchMessage(Framework::Task* from, const std::string& p,
+                                               std::vector<unsigned int> m,
+                                               const _FileNotifyOpt& opt)
+    : AbstructMessage<FileNotifyWatchMessage>(from),
+      path(p),
+      masks(std::move(m)),
+      options(opt),
+      add(true) {}
+
+FileNotifyWatchMessage::FileNotifyWatchMessage(Framework::Task* from, const std::string& p,
+                                               bool a)
+    : AbstructMessage<FileNotifyWatchMessage>(from), path(p), add(a) {}
+
+FileNotifyWatchMessage::~FileNotifyWatchMessage() = default;
+
+}  // namespace Engine

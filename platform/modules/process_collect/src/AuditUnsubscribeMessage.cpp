@@ -1,0 +1,9 @@
+#include "process_collect/AuditUnsubscribeMessage.h"
+
+namespace Engine {
+
+AuditUnsubscribeMessage::AuditUnsubscribeMessage(Framework::Task* from)
+    : AbstructMessage<AuditUnsubscribeMessage>(from), task(from) {}
+AuditUnsubscribeMessage::~AuditUnsubscribeMessage() = default;
+
+}  // namespace Engine

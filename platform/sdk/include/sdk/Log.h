@@ -1,0 +1,44 @@
+#pragma once
+
+#include <exception>
+#include <string>
+
+#include <Poco/Format.h>
+#include <Poco/Logger.h>
+#include <Poco/Message.h>
+
+#include "sdk/PathUtils.h"
+
+namespace SDK {
+
+/// Writes one log record the agent's way: nothing is formatted unless the logger exists and
+/// admits the priority; the record carries the logger's name, the bare source-file name and the
+/// line; a std::exception thrown while formatting or writing (a wrong argument type for a
+/// placeholder, a failing channel) is swallowed so that logging never breaks the caller.
+/// Arguments must match their placeholders exactly: %s std::string, %d int, %u unsigned int,
+/// %lu unsigned long, %b bool.
+template <typename... Args>
+inline void LogRecord(Poco::Logger* logger, Poco::Message::Priority prio, const char* file,
+                      int line, const char* fmt, const Args&... args) {
+    try {
+        if (logger == nullptr || !logger->is(prio)) return;
+        const std::string fileName = PathUtils::GetFileNameFromPath(file);
+        std::string text;
+        if constexpr (sizeof...(Args) == 0) {
+            text = fmt;
+        } else {
+            text = Poco::format(std::string(fmt), args...);
+        }
+        Poco::Channel* channel = logger->getChannel();
+        if (!logger->is(prio) || channel == nullptr) return;
+        channel->log(Poco::Message(logger->name(), text, prio, fileName.c_str(), line));
+    } catch (const std::exception&) {
+        // A log line must never interrupt the operation around it.
+    }
+}
+
+}  // namespace SDK
+
+/// TW_LOG(loggerExpr, PRIO_xxx, "fmt", args...): the one logging helper of the agent.
+#define TW_LOG(logger, prio, ...) \
+    ::SDK::LogRecord((logger), ::Poco::Message::prio, __FILE__, __LINE__, __VA_ARGS__)

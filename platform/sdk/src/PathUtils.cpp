@@ -1,0 +1,21 @@
+#include "sdk/PathUtils.h"
+
+#include <climits>
+#include <cstdlib>
+
+namespace SDK {
+
+std::string PathUtils::GetFileNameFromPath(const std::string& path) {
+    const std::string::size_type slash = path.find_last_of('/');
+    if (slash == std::string::npos) return path;
+    return path.substr(slash + 1);
+}
+
+std::string PathUtils::GetExistedCanonicalizePath(const std::string& path) {
+    if (path.empty() || path.size() >= PATH_MAX) return std::string();
+    char resolved[PATH_MAX + 1] = {0};
+    if (realpath(path.c_str(), resolved) == nullptr) return std::string();
+    return std::string(resolved);
+}
+
+}  // namespace SDK

@@ -1,0 +1,32 @@
+#!/usr/bin/env bash
+# Installs everything the agent needs to build, test and run on Debian 12 (run as root).
+# Idempotent: does nothing when every package is already there.
+set -euo pipefail
+
+PACKAGES=(
+  build-essential cmake pkg-config git
+  libpoco-dev libjsoncpp-dev libssl-dev libaudit-dev
+  libgtest-dev libgmock-dev googletest libbenchmark-dev
+  auditd docker.io busybox-static
+  dpdk-dev librte-ring23 libconcurrentqueue-dev libboost-dev
+  procps util-linux
+)
+
+missing=()
+for p in "${PACKAGES[@]}"; do
+  dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q "install ok installed" || missing+=("$p")
+done
+if [ ${#missing[@]} -eq 0 ]; then
+  echo "setup: all packages present"
+  exit 0
+fi
+if [ "$(id -u)" -ne 0 ]; then
+  echo "setup: missing packages (${missing[*]}); run as root to install them" >&2
+  exit 1
+fi
+echo "setup: installing ${missing[*]}"
+export DEBIAN_FRONTEND=noninteractive
+apt-get update -qq
+apt-get install -y -qq --no-install-recommends "${missing[@]}"
+# The agent talks to the kernel audit system itself; an auditd that Debian starts is left
+# alone (the agent reads the multicast group), but a fresh install must not fight over rules.

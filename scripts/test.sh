@@ -1,0 +1,24 @@
+#!/usr/bin/env bash
+# Runs every test from a fresh clone: installs packages, builds, runs unit and integration
+# tests, the queue stress test under ThreadSanitizer, and (as root) the end-to-end suite.
+set -euo pipefail
+cd "$(dirname "$0")/.."
+ROOT=$(pwd)
+
+bash scripts/setup.sh
+bash scripts/build.sh -DTARNWICK_BENCH=ON
+
+echo "== unit and integration tests"
+(cd build && ctest --output-on-failure -j2 -L 'unit|integration')
+
+echo "== queue and framework stress under ThreadSanitizer"
+BUILD_DIR=build-tsan bash scripts/build.sh -DTARNWICK_TSAN=ON -DTARNWICK_BENCH=OFF
+(cd build-tsan && TSAN_OPTIONS="halt_on_error=1" ctest --output-on-failure -L tsan)
+
+if [ "$(id -u)" -eq 0 ] && [ -x scripts/e2e.sh ]; then
+  echo "== end-to-end tests (installed agent, real dockerd)"
+  bash scripts/e2e.sh
+else
+  echo "== end-to-end tests skipped: they need root"
+fi
+echo "== all tests passed"

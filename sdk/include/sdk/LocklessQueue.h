@@ -1,0 +1,218 @@
+#pragma once
+
+#include <atomic>
+#include <cstdint>
+#include <vector>
+
+#if defined(__x86_64__) || defined(__i386__)
+#include <immintrin.h>
+#endif
+
+namespace SDK {
+
+/// Bounded lock-free multi-producer/multi-consumer ring (head/tail reservation scheme).
+///
+/// Each side reserves a stretch of slots by moving its head with one compare-and-swap, copies
+/// without a lock, then publishes by moving its tail once every earlier reservation of the same
+/// side is published. Counters are free-running 32-bit values; only their differences and the
+/// masked slot number are used, so they may wrap. A side flagged single-threaded uses no atomic
+/// read-modify-write at all. The owner guarantees the single-side promise it asked for.
+template <typename T>
+class LocklessQueue {
+public:
+    /// Builds a queue that holds up to `capacity` elements in the next power-of-two slots.
+    /// A capacity of 0 (or one too large to address) yields a queue without storage.
+    explicit LocklessQueue(unsigned int capacity, bool singleProducer = false,
+                           bool singleConsumer = false)
+        : singleProducer_(singleProducer), singleConsumer_(singleConsumer) {
+        if (capacity == 0 || capacity > (1u << 31)) return;
+        uint32_t size = 1;
+        while (size < capacity) size <<= 1;
+        size_ = size;
+        mask_ = size - 1;
+        capacity_ = capacity;
+        slots_ = new T[size_]();
+    }
+
+    LocklessQueue(const LocklessQueue&) = delete;
+    LocklessQueue& operator=(const LocklessQueue&) = delete;
+
+    virtual ~LocklessQueue() {
+        if (slots_ == nullptr) return;
+        for (uint32_t i = size_; i > 0; --i) slots_[i - 1] = T();
+        delete[] slots_;
+        slots_ = nullptr;
+    }
+
+    /// Queues one element; 1 when queued, 0 when full or without storage.
+    virtual int Enqueue(const T& element) {
+        std::vector<T> one(1, element);
+        return EnqueueBulk(one, 1);
+    }
+
+    /// Queues the vector's elements in order, as many as fit (the vector's size is the request;
+    /// `count` is not consulted). Returns how many were queued: always the first ones.
+    virtual int EnqueueBulk(const std::vector<T>& elements, int count) {
+        (void)count;
+        if (slots_ == nullptr) return 0;
+        const uint32_t requested = static_cast<uint32_t>(elements.size());
+        uint32_t head;
+        uint32_t n;
+        if (!singleProducer_) {
+            head = prodHead_.load(std::memory_order_relaxed);
+            do {
+                const uint32_t freeSlots =
+                    capacity_ + consTail_.load(std::memory_order_acquire) - head;
+                n = requested < freeSlots ? requested : freeSlots;
+                if (n == 0) return 0;
+            } while (!prodHead_.compare_exchange_weak(head, head + n, std::memory_order_acq_rel,
+                                                       std::memory_order_relaxed));
+        } else {
+            head = prodHead_.load(std::memory_order_relaxed);
+            const uint32_t freeSlots = capacity_ + consTail_.load(std::memory_order_acquire) - head;
+            n = requested < freeSlots ? requested : freeSlots;
+            if (n == 0) return 0;
+            prodHead_.store(head + n, std::memory_order_relaxed);
+        }
+        _EnqueueElements(head, elements, n);
+        if (!singleProducer_) {
+            while (prodTail_.load(std::memory_order_acquire) != head) SpinPause();
+        }
+        prodTail_.store(head + n, std::memory_order_release);
+        return static_cast<int>(n);
+    }
+
+    /// Takes the oldest element into `element`; 1 when taken, 0 (argument untouched) when empty.
+    virtual int Dequeue(T& element) {
+        std::vector<T> out;
+        if (DequeueBulk(out, 1) != 1) return 0;
+        element = out[0];
+        return 1;
+    }
+
+    /// Appends up to `count` oldest elements to `out` (count read as unsigned: -1 takes all).
+    /// Returns how many were taken.
+    virtual int DequeueBulk(std::vector<T>& out, int count) {
+        if (slots_ == nullptr) return 0;
+        const uint32_t requested = static_cast<uint32_t>(count);
+        uint32_t head;
+        uint32_t n;
+        if (!singleConsumer_) {
+            head = consHead_.load(std::memory_order_relaxed);
+            do {
+                const uint32_t available = prodTail_.load(std::memory_order_acquire) - head;
+                n = requested < available ? requested : available;
+                if (n == 0) return 0;
+            } while (!consHead_.compare_exchange_weak(head, head + n, std::memory_order_acq_rel,
+                                                       std::memory_order_relaxed));
+        } else {
+            head = consHead_.load(std::memory_order_relaxed);
+            const uint32_t available = prodTail_.load(std::memory_order_acquire) - head;
+            n = requested < available ? requested : available;
+            if (n == 0) return 0;
+            consHead_.store(head + n, std::memory_order_relaxed);
+        }
+        _DequeueElements(head, out, n);
+        if (!singleConsumer_) {
+            while (consTail_.load(std::memory_order_acquire) != head) SpinPause();
+        }
+        consTail_.store(head + n, std::memory_order_release);
+        return static_cast<int>(n);
+    }
+
+    /// Number of slots (a power of two), and the most elements held at once.
+    uint32_t Size() const { return size_; }
+    uint32_t Capacity() const { return capacity_; }
+    /// Elements published and not yet reserved by a consumer: a snapshot, for statistics.
+    uint32_t Count() const {
+        return prodTail_.load(std::memory_order_acquire) -
+               consHead_.load(std::memory_order_acquire);
+    }
+
+protected:
+    /// Moves all four counters to `value` (only on an empty queue nobody else uses yet), so that
+    /// tests can run the queue across the 2^32 wrap.
+    void StartCountersAt(uint32_t value) {
+        prodHead_.store(value);
+        prodTail_.store(value);
+        consHead_.store(value);
+        consTail_.store(value);
+    }
+
+    void _EnqueueElements(unsigned int head, const std::vector<T>& elements, unsigned int n) {
+        const uint32_t idx = head & mask_;
+        if (idx + n < size_) {
+            CopyIn(elements, 0, idx, n);
+        } else {
+            const uint32_t first = size_ - idx;
+            CopyIn(elements, 0, idx, first);
+            CopyIn(elements, first, 0, n - first);
+        }
+    }
+
+    void _DequeueElements(unsigned int head, std::vector<T>& out, unsigned int n) {
+        const uint32_t idx = head & mask_;
+        out.reserve(out.size() + n);
+        if (idx + n < size_) {
+            CopyOut(out, idx, n);
+        } else {
+            const uint32_t first = size_ - idx;
+            CopyOut(out, idx, first);
+            CopyOut(out, 0, n - first);
+        }
+    }
+
+private:
+    static void SpinPause() {
+#if defined(__x86_64__) || defined(__i386__)
+        _mm_pause();
+#endif
+    }
+
+    // Copy loops unrolled by four: the common batch of a task's queue is a few dozen messages.
+    void CopyIn(const std::vector<T>& src, uint32_t from, uint32_t slot, uint32_t n) {
+        uint32_t i = 0;
+        for (; i + 4 <= n; i += 4) {
+            slots_[slot + i] = src[from + i];
+            slots_[slot + i + 1] = src[from + i + 1];
+            slots_[slot + i + 2] = src[from + i + 2];
+            slots_[slot + i + 3] = src[from + i + 3];
+        }
+        switch (n - i) {
+            case 3: slots_[slot + i + 2] = src[from + i + 2]; [[fallthrough]];
+            case 2: slots_[slot + i + 1] = src[from + i + 1]; [[fallthrough]];
+            case 1: slots_[slot + i] = src[from + i]; break;
+            default: break;
+        }
+    }
+
+    void CopyOut(std::vector<T>& out, uint32_t slot, uint32_t n) {
+        uint32_t i = 0;
+        for (; i + 4 <= n; i += 4) {
+            Take(out, slot + i);
+            Take(out, slot + i + 1);
+            Take(out, slot + i + 2);
+            Take(out, slot + i + 3);
+        }
+        for (; i < n; ++i) Take(out, slot + i);
+    }
+
+    // The slot is reset once copied out so that the queue never keeps a taken element alive.
+    void Take(std::vector<T>& out, uint32_t slot) {
+        out.push_back(slots_[slot]);
+        slots_[slot] = T();
+    }
+
+    alignas(64) std::atomic<uint32_t> prodHead_{0};
+    std::atomic<uint32_t> prodTail_{0};
+    alignas(64) std::atomic<uint32_t> consHead_{0};
+    std::atomic<uint32_t> consTail_{0};
+    alignas(64) bool singleProducer_;
+    bool singleConsumer_;
+    uint32_t size_ = 0;
+    uint32_t mask_ = 0;
+    uint32_t capacity_ = 0;
+    T* slots_ = nullptr;
+};
+
+}  // namespace SDK
