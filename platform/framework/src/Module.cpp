@@ -12,6 +12,8 @@
 namespace Framework {
 
 namespace {
+constexpr int kDrainBatch = 1024;
+
 Poco::Logger* FrameworkLogger() {
     return SDK::LoggerUtils::GetInstance()->GetModuleLogger("framework", true);
 }
@@ -60,6 +62,11 @@ void Module::StopTask(RunningTask& running) {
     task->cancel();
     task->GetEventWaiter().Notify();  // wake the loop now rather than at its wait timeout
     if (running.thread.joinable()) running.thread.join();
+    // Messages that arrived before the stop (a feature module withdrawing its watches and
+    // rules at shutdown) are still handled, here on the control thread now that the task's
+    // own thread is gone, so that nothing sent to a stopping service is lost.
+    while (task->BulkConsumeMsg(kDrainBatch) > 0) {
+    }
     task->UnInit();
     TaskRegistry::Instance().Unregister(task->name(), task);
     task->release();

@@ -41,8 +41,9 @@ public:
     /// Takes ownership of `task`, makes its name reachable, calls its Init and starts its thread.
     /// `detached` true: the module does not join the thread at UnRegisterTask (not used here).
     int RegisterTask(Task* task, bool detached);
-    /// Cancels the named task, joins its thread, calls its UnInit, withdraws its name and
-    /// releases it. -1 when the module has no such task.
+    /// Cancels the named task, joins its thread, handles the messages still queued for it (on
+    /// the calling thread), calls its UnInit, withdraws its name and releases it. -1 when the
+    /// module has no such task.
     int UnRegisterTask(const std::string& taskName);
     /// Stores `callback` under `key`, taking ownership (replacing and freeing an earlier one).
     int RegisterPolicyCallback(const std::string& key, AbstractPolicyCallback* callback);
