@@ -9,7 +9,7 @@ PACKAGES=(
   libgtest-dev libgmock-dev googletest libbenchmark-dev
   auditd docker.io busybox-static
   dpdk-dev librte-ring23 libconcurrentqueue-dev libboost-dev
-  procps util-linux
+  procps util-linux jq
 )
 
 missing=()

@@ -1,0 +1,43 @@
+#pragma once
+
+#include <atomic>
+#include <map>
+#include <string>
+
+#include <Poco/Util/ServerApplication.h>
+
+namespace Agent {
+
+/// tarnwick-agent: loads the modules, feeds them policies and runs until SIGINT/SIGTERM.
+///
+/// Settings come from agent.properties (--config) and are overridden by options; all of them
+/// are published through SDK::ConfigUtils before any module is loaded.
+class AgentApplication : public Poco::Util::ServerApplication {
+public:
+    /// Exit code for bad configuration (unknown option, unreadable file, missing directory).
+    static constexpr int kExitConfig = 2;
+
+    AgentApplication();
+
+protected:
+    void defineOptions(Poco::Util::OptionSet& options) override;
+    void handleOption(const std::string& name, const std::string& value) override;
+    int main(const std::vector<std::string>& args) override;
+
+private:
+    void HandleHelp(const std::string& name, const std::string& value);
+    void HandleSetting(const std::string& name, const std::string& value);
+
+    /// Merges agent.properties and options into SDK::ConfigUtils; false with `error` set on
+    /// bad configuration.
+    bool LoadSettings(std::string& error);
+    bool SetUpLogging(std::string& error);
+    void DeliverPolicies(class PolicyDirectory& policies, class ModuleLoader& loader);
+    void LogCounters();
+
+    bool helpRequested_ = false;
+    std::string configFile_;
+    std::map<std::string, std::string> optionSettings_;  // setting key -> value from options
+};
+
+}  // namespace Agent

@@ -1,0 +1,327 @@
+#include "agent/AgentApplication.h"
+
+#include <sys/stat.h>
+
+#include <chrono>
+#include <condition_variable>
+#include <iostream>
+#include <mutex>
+#include <thread>
+
+#include <Poco/AutoPtr.h>
+#include <Poco/ConsoleChannel.h>
+#include <Poco/File.h>
+#include <Poco/FileChannel.h>
+#include <Poco/FormattingChannel.h>
+#include <Poco/Path.h>
+#include <Poco/PatternFormatter.h>
+#include <Poco/Util/HelpFormatter.h>
+#include <Poco/Util/Option.h>
+#include <Poco/Util/OptionCallback.h>
+#include <Poco/Util/OptionSet.h>
+#include <Poco/Util/PropertyFileConfiguration.h>
+
+#include "agent/ModuleLoader.h"
+#include "agent/PolicyDirectory.h"
+#include "framework/Counters.h"
+#include "framework/Module.h"
+#include "sdk/ConfigUtils.h"
+#include "sdk/InnerCpuCtrlUtils.h"
+#include "sdk/JsonUtils.h"
+#include "sdk/Log.h"
+#include "sdk/LoggerUtils.h"
+
+namespace Agent {
+
+namespace {
+const char* const kDefaultConfig = "/usr/local/tarnwick/etc/agent.properties";
+
+// Settings every module may read, with their defaults.
+const std::map<std::string, std::string>& Defaults() {
+    static const std::map<std::string, std::string> defaults = {
+        {"module.dir", "/usr/local/tarnwick/module"},
+        {"policy.dir", "/usr/local/tarnwick/etc/policy.d"},
+        {"report.file", "/var/log/tarnwick/alarms.jsonl"},
+        {"log.file", "/var/log/tarnwick/agent.log"},
+        {"log.level", "information"},
+        {"docker.socket", "/var/run/docker.sock"},
+        {"cpu.limit_percent", "0"},
+        {"policy.scan_ms", "1000"},
+        {"status.interval_s", "60"},
+    };
+    return defaults;
+}
+
+// Option name -> setting key.
+const std::map<std::string, std::string>& OptionKeys() {
+    static const std::map<std::string, std::string> keys = {
+        {"module-dir", "module.dir"},   {"policy-dir", "policy.dir"},
+        {"alarms", "report.file"},      {"log", "log.file"},
+        {"log-level", "log.level"},     {"docker-socket", "docker.socket"},
+        {"cpu-limit", "cpu.limit_percent"},
+    };
+    return keys;
+}
+
+Poco::Logger* AgentLogger() { return SDK::LoggerUtils::GetInstance()->GetModuleLogger("agent", true); }
+
+bool IsDirectory(const std::string& path) {
+    struct stat st;
+    return stat(path.c_str(), &st) == 0 && S_ISDIR(st.st_mode);
+}
+
+std::string FeatureOf(const std::string& document) {
+    Json::Value root;
+    if (SDK::JsonUtils::ParseJsonStr(document, root) != 0) return std::string();
+    return SDK::JsonUtils::GetStringValue(root, "feature_name", "");
+}
+
+// Stops the policy watcher thread promptly at shutdown.
+struct StopSignal {
+    std::mutex mutex;  // guards stop
+    std::condition_variable cv;
+    bool stop = false;
+
+    bool WaitFor(std::chrono::milliseconds ms) {
+        std::unique_lock<std::mutex> lock(mutex);
+        return cv.wait_for(lock, ms, [this] { return stop; });
+    }
+    void Raise() {
+        std::lock_guard<std::mutex> lock(mutex);
+        stop = true;
+        cv.notify_all();
+    }
+};
+}  // namespace
+
+AgentApplication::AgentApplication() { setUnixOptions(true); }
+
+void AgentApplication::defineOptions(Poco::Util::OptionSet& options) {
+    ServerApplication::defineOptions(options);
+    using Poco::Util::Option;
+    using Poco::Util::OptionCallback;
+    options.addOption(Option("help", "h", "Show this help and exit.")
+                          .required(false)
+                          .repeatable(false)
+                          .callback(OptionCallback<AgentApplication>(this, &AgentApplication::HandleHelp)));
+    options.addOption(Option("config", "c", "Settings file (default " + std::string(kDefaultConfig) +
+                                                ", when present).")
+                          .required(false).repeatable(false).argument("FILE")
+                          .callback(OptionCallback<AgentApplication>(this, &AgentApplication::HandleSetting)));
+    const struct {
+        const char* name;
+        const char* arg;
+        const char* help;
+    } settings[] = {
+        {"module-dir", "DIR", "Directory of the lib*_module.so modules (module.dir)."},
+        {"policy-dir", "DIR", "Directory of <key>.json policy documents (policy.dir)."},
+        {"alarms", "FILE", "Alarm sink, one JSON document a line; - for standard output (report.file)."},
+        {"log", "FILE", "Log file (rotated at 10 MB); - for standard error (log.file)."},
+        {"log-level", "LEVEL", "error, warning, notice, information, debug or trace (log.level)."},
+        {"docker-socket", "PATH", "Docker engine API socket (docker.socket)."},
+        {"cpu-limit", "PERCENT", "CPU share per task thread, 1-99; 0 turns the limiter off (cpu.limit_percent)."},
+    };
+    for (const auto& s : settings) {
+        options.addOption(Option(s.name, "", s.help)
+                              .required(false).repeatable(false).argument(s.arg)
+                              .callback(OptionCallback<AgentApplication>(this, &AgentApplication::HandleSetting)));
+    }
+}
+
+void AgentApplication::handleOption(const std::string& name, const std::string& value) {
+    ServerApplication::handleOption(name, value);
+}
+
+void AgentApplication::HandleHelp(const std::string&, const std::string&) {
+    helpRequested_ = true;
+    Poco::Util::HelpFormatter help(options());
+    help.setCommand(commandName());
+    help.setUsage("[options]");
+    help.setHeader(
+        "Host security agent: loads its modules, hands them the policies of the policy "
+        "directory (again whenever a file changes) and runs until SIGINT or SIGTERM. "
+        "Settings come from the settings file; options override them.");
+    help.setFooter("Exit codes: 0 after a clean shutdown, 2 on bad configuration.");
+    help.format(std::cout);
+    stopOptionsProcessing();
+}
+
+void AgentApplication::HandleSetting(const std::string& name, const std::string& value) {
+    if (name == "config") {
+        configFile_ = value;
+        return;
+    }
+    auto key = OptionKeys().find(name);
+    if (key != OptionKeys().end()) optionSettings_[key->second] = value;
+}
+
+bool AgentApplication::LoadSettings(std::string& error) {
+    std::map<std::string, std::string> settings = Defaults();
+    std::string file = configFile_;
+    if (file.empty() && Poco::File(kDefaultConfig).exists()) file = kDefaultConfig;
+    if (!file.empty()) {
+        try {
+            Poco::AutoPtr<Poco::Util::PropertyFileConfiguration> props(
+                new Poco::Util::PropertyFileConfiguration(file));
+            Poco::Util::AbstractConfiguration::Keys keys;
+            std::vector<std::string> pending = {""};
+            // Flatten the dotted key tree into "a.b" settings.
+            while (!pending.empty()) {
+                const std::string prefix = pending.back();
+                pending.pop_back();
+                props->keys(prefix, keys);
+                for (const auto& k : keys) {
+                    const std::string full = prefix.empty() ? k : prefix + "." + k;
+                    if (props->hasProperty(full)) settings[full] = props->getString(full);
+                    pending.push_back(full);
+                }
+            }
+        } catch (const Poco::Exception& e) {
+            error = "cannot read settings file " + file + ": " + e.displayText();
+            return false;
+        }
+    }
+    for (const auto& o : optionSettings_) settings[o.first] = o.second;
+    for (const auto& s : settings) SDK::ConfigUtils::Set(s.first, s.second);
+
+    const int limit = static_cast<int>(SDK::ConfigUtils::GetInt("cpu.limit_percent", -1));
+    if (limit < 0 || limit > 100) {
+        error = "cpu.limit_percent must be a number from 0 to 100";
+        return false;
+    }
+    SDK::InnerCpuCtrlUtils::SetLimitPercent(limit);
+    if (SDK::LoggerUtils::ParseLevel(settings["log.level"]) < 0) {
+        error = "unknown log level '" + settings["log.level"] + "'";
+        return false;
+    }
+    if (!IsDirectory(settings["module.dir"])) {
+        error = "module directory " + settings["module.dir"] + " does not exist";
+        return false;
+    }
+    if (!IsDirectory(settings["policy.dir"])) {
+        error = "policy directory " + settings["policy.dir"] + " does not exist";
+        return false;
+    }
+    if (SDK::ConfigUtils::GetInt("policy.scan_ms", -1) < 50) {
+        error = "policy.scan_ms must be a number of milliseconds, at least 50";
+        return false;
+    }
+    return true;
+}
+
+bool AgentApplication::SetUpLogging(std::string& error) {
+    const std::string file = SDK::ConfigUtils::GetString("log.file", "-");
+    Poco::AutoPtr<Poco::Channel> sink;
+    if (file == "-") {
+        sink = new Poco::ConsoleChannel(std::cerr);
+    } else {
+        try {
+            Poco::File(Poco::Path(file).parent()).createDirectories();
+            Poco::AutoPtr<Poco::FileChannel> fileChannel(new Poco::FileChannel(file));
+            fileChannel->setProperty("rotation", "10 M");
+            fileChannel->setProperty("archive", "number");
+            fileChannel->setProperty("purgeCount", "5");
+            fileChannel->setProperty("flush", "true");
+            fileChannel->open();
+            sink = fileChannel;
+        } catch (const Poco::Exception& e) {
+            error = "cannot open log file " + file + ": " + e.displayText();
+            return false;
+        }
+    }
+    Poco::AutoPtr<Poco::PatternFormatter> pattern(
+        new Poco::PatternFormatter("%Y-%m-%d %H:%M:%S.%i [%p] %s %U:%u: %t"));
+    Poco::AutoPtr<Poco::FormattingChannel> formatting(
+        new Poco::FormattingChannel(pattern, sink));
+    SDK::LoggerUtils::GetInstance()->Configure(
+        formatting, SDK::LoggerUtils::ParseLevel(SDK::ConfigUtils::GetString("log.level", "")));
+    return true;
+}
+
+void AgentApplication::DeliverPolicies(PolicyDirectory& policies, ModuleLoader& loader) {
+    std::vector<PolicyDirectory::Problem> problems;
+    for (const auto& change : policies.Scan(problems)) {
+        const int taken = loader.DeliverPolicy(change.key, FeatureOf(change.document),
+                                               change.document);
+        if (taken == 0) {
+            TW_LOG(AgentLogger(), PRIO_WARNING, "Policy %s: no module takes policy key %s",
+                   change.path, change.key);
+        } else {
+            TW_LOG(AgentLogger(), PRIO_INFORMATION, "Policy %s delivered under key %s",
+                   change.path, change.key);
+        }
+    }
+    for (const auto& problem : problems) {
+        TW_LOG(AgentLogger(), PRIO_ERROR, "Policy %s skipped: %s", problem.path, problem.reason);
+    }
+}
+
+void AgentApplication::LogCounters() {
+    std::string text;
+    for (const auto& counter : Framework::Counters::Instance().Snapshot()) {
+        if (!text.empty()) text += ", ";
+        text += counter.first + "=" + std::to_string(counter.second);
+    }
+    TW_LOG(AgentLogger(), PRIO_INFORMATION, "Status: %s", text.empty() ? std::string("no losses") : text);
+}
+
+int AgentApplication::main(const std::vector<std::string>& args) {
+    if (helpRequested_) return EXIT_OK;
+    std::string error;
+    if (!args.empty()) error = "unexpected argument '" + args.front() + "'";
+    if (error.empty()) LoadSettings(error);
+    if (error.empty()) SetUpLogging(error);
+    if (!error.empty()) {
+        std::cerr << "tarnwick-agent: " << error << std::endl;
+        return kExitConfig;
+    }
+
+    ModuleLoader loader;
+    const std::string moduleDir = SDK::ConfigUtils::GetString("module.dir", "");
+    for (const auto& file : ModuleLoader::ListModuleFiles(moduleDir)) {
+        std::string why;
+        if (!loader.LoadOne(file, why)) {
+            TW_LOG(AgentLogger(), PRIO_ERROR, "Module %s not loaded: %s", file, why);
+            continue;
+        }
+        const std::string name = loader.Modules().back().module->name();
+        SDK::LoggerUtils::GetInstance()->GetModuleLogger(name, true);
+        TW_LOG(AgentLogger(), PRIO_INFORMATION, "Module %s loaded from %s", name, file);
+    }
+    if (loader.Modules().empty()) {
+        std::cerr << "tarnwick-agent: no module could be loaded from " << moduleDir << std::endl;
+        return kExitConfig;
+    }
+    loader.InitAll();
+    TW_LOG(AgentLogger(), PRIO_INFORMATION, "Agent started with %z modules",
+           loader.Modules().size());
+
+    PolicyDirectory policies(SDK::ConfigUtils::GetString("policy.dir", ""));
+    DeliverPolicies(policies, loader);
+
+    StopSignal stop;
+    const auto scanEvery = std::chrono::milliseconds(SDK::ConfigUtils::GetInt("policy.scan_ms", 1000));
+    const int64_t statusEveryS = SDK::ConfigUtils::GetInt("status.interval_s", 60);
+    std::thread watcher([&] {
+        auto lastStatus = std::chrono::steady_clock::now();
+        while (!stop.WaitFor(scanEvery)) {
+            DeliverPolicies(policies, loader);
+            if (statusEveryS > 0 &&
+                std::chrono::steady_clock::now() - lastStatus >= std::chrono::seconds(statusEveryS)) {
+                LogCounters();
+                lastStatus = std::chrono::steady_clock::now();
+            }
+        }
+    });
+
+    waitForTerminationRequest();
+    TW_LOG(AgentLogger(), PRIO_INFORMATION, "Agent stopping");
+    stop.Raise();
+    watcher.join();
+    loader.UnInitAll();
+    LogCounters();
+    TW_LOG(AgentLogger(), PRIO_INFORMATION, "Agent stopped");
+    return EXIT_OK;
+}
+
+}  // namespace Agent
