@@ -1,0 +1,91 @@
+#include <unistd.h>
+
+#include <cstdlib>
+#include <fstream>
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include "agent/ModuleLoader.h"
+#include "framework/Module.h"
+
+namespace {
+
+std::string Base(const std::string& path) { return path.substr(path.find_last_of('/') + 1); }
+
+class ModuleLoaderTest : public ::testing::Test {
+protected:
+    void SetUp() override {
+        char tmpl[] = "/tmp/tarnwick-loader-XXXXXX";
+        ASSERT_NE(mkdtemp(tmpl), nullptr);
+        dir_ = tmpl;
+        log_ = dir_ + "/events.log";
+        setenv("TARNWICK_TEST_MODULE_LOG", log_.c_str(), 1);
+    }
+    void TearDown() override {
+        unsetenv("TARNWICK_TEST_MODULE_LOG");
+        std::remove(log_.c_str());
+        rmdir(dir_.c_str());
+    }
+    std::vector<std::string> Events() {
+        std::ifstream in(log_);
+        std::vector<std::string> lines;
+        for (std::string line; std::getline(in, line);) lines.push_back(line);
+        return lines;
+    }
+    std::string dir_;
+    std::string log_;
+};
+
+TEST_F(ModuleLoaderTest, ListsServicesFirstInTheirOrderThenFeatureModulesByName) {
+    const std::vector<std::string> files =
+        Agent::ModuleLoader::ListModuleFiles(TEST_MODULE_DIR);
+    std::vector<std::string> names;
+    for (const auto& f : files) names.push_back(Base(f));
+    const std::vector<std::string> expected = {"libdata_comm_module.so", "libcontainer_module.so",
+                                               "libalpha_feature_module.so",
+                                               "libnoentry_module.so", "libnull_module.so"};
+    EXPECT_EQ(names, expected);
+}
+
+TEST_F(ModuleLoaderTest, RefusesLibrariesThatAreNotModulesWithTheReason) {
+    Agent::ModuleLoader loader;
+    std::string error;
+    EXPECT_FALSE(loader.LoadOne(std::string(TEST_MODULE_DIR) + "/libnoentry_module.so", error));
+    EXPECT_EQ(error, "no CreateModule entry point");
+    EXPECT_FALSE(loader.LoadOne(std::string(TEST_MODULE_DIR) + "/libnull_module.so", error));
+    EXPECT_EQ(error, "CreateModule returned no module");
+    EXPECT_FALSE(loader.LoadOne(dir_ + "/libmissing_module.so", error));
+    EXPECT_NE(error.find("cannot load"), std::string::npos);
+    EXPECT_TRUE(loader.Modules().empty());
+}
+
+TEST_F(ModuleLoaderTest, InitsInLoadOrderAndUnInitsInReverse) {
+    {
+        Agent::ModuleLoader loader;
+        for (const auto& file : Agent::ModuleLoader::ListModuleFiles(TEST_MODULE_DIR)) {
+            std::string error;
+            loader.LoadOne(file, error);
+        }
+        ASSERT_EQ(loader.Modules().size(), 3u);
+        loader.InitAll();
+        loader.UnInitAll();
+        EXPECT_TRUE(loader.Modules().empty());
+    }
+    const std::vector<std::string> expected = {
+        "data_comm:init",   "container:init",   "alpha_feature:init",
+        "alpha_feature:uninit", "container:uninit", "data_comm:uninit"};
+    EXPECT_EQ(Events(), expected);
+}
+
+TEST_F(ModuleLoaderTest, PolicyForAKeyNobodyRegisteredIsTakenByNoModule) {
+    Agent::ModuleLoader loader;
+    std::string error;
+    ASSERT_TRUE(loader.LoadOne(std::string(TEST_MODULE_DIR) + "/libalpha_feature_module.so", error));
+    loader.InitAll();
+    EXPECT_EQ(loader.DeliverPolicy("10001", "dockerfile_feature", "{}"), 0);
+}
+
+}  // namespace
