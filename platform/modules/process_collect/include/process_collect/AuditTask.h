@@ -1,0 +1,88 @@
+#pragma once
+
+#include <cstdint>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "engine/AbstructMessage.h"
+#include "framework/RateLimiter.h"
+#include "framework/Task.h"
+#include "process_collect/AuditEventJoiner.h"
+#include "process_collect/AuditEventSocket.h"
+#include "process_collect/AuditFileSystemCtrlMessage.h"
+#include "process_collect/AuditRuleClient.h"
+#include "process_collect/AuditUnsubscribeMessage.h"
+#include "process_collect/EventSettler.h"
+
+namespace Poco {
+class Logger;
+}
+
+namespace Engine {
+
+/// "audit_task": kernel audit watch rules on behalf of other tasks, and their events.
+///
+/// An AuditFileSystemCtrlMessage "-w" adds a watch rule and makes its sender the subscriber of
+/// the rule's key, "-W" deletes it; AuditUnsubscribeMessage deletes every rule of a subscriber.
+/// Events are read from the read-only multicast audit group, joined per serial, turned into
+/// AuditEventMessages with host paths and sent to the key's subscriber; writes are held until
+/// the file has settled. Init (control thread) sets audit up and deletes "cid:" rules left by
+/// an earlier run; UnInit (control thread, after the task thread ended) deletes every rule the
+/// task added. Everything else runs on the task thread.
+class AuditTask : public Framework::Task,
+                  public AbstructMessage<AuditFileSystemCtrlMessage>::Receiver,
+                  public AbstructMessage<AuditUnsubscribeMessage>::Receiver {
+public:
+    static constexpr const char* kTaskName = "audit_task";
+    /// Key prefix of the rules this agent owns; leftovers with it are deleted at start.
+    static constexpr const char* kOwnedKeyPrefix = "cid:";
+
+    AuditTask();
+
+    int Init() override;
+    void UnInit() override;
+    int Run() override;
+
+    int Receive(const AuditFileSystemCtrlMessage& msg) override;
+    int Receive(const AuditUnsubscribeMessage& msg) override;
+
+protected:
+    ~AuditTask() override;
+
+private:
+    struct RuleEntry {
+        AuditWatchRule rule;
+        std::string subscriber;  // task name: the task may go away, its name stays safe to use
+    };
+
+    void SetUpAudit();
+    void OnReadable();
+    void OnRecord(int type, const char* text, std::size_t len);
+    void HandleJoined(std::vector<JoinedAuditEvent>& events);
+    void Housekeeping(uint64_t nowMs);
+    void PollLostCounter();
+    void Deliver(std::unique_ptr<AuditEventMessage> event);
+    void DeliverAll(std::vector<EventSettler::EventPtr>& events);
+    void AddRule(const AuditFileSystemCtrlMessage& msg);
+    void DeleteRule(const AuditFileSystemCtrlMessage& msg);
+    void DeleteEntry(const RuleEntry& entry);
+    bool IsOwnedKey(const std::string& key) const;
+    std::vector<std::string> RootsOf(const std::string& key) const;
+
+    Poco::Logger* logger_ = nullptr;
+    AuditRuleClient client_;
+    AuditEventSocket events_;
+    std::unique_ptr<AuditEventJoiner> joiner_;
+    std::unique_ptr<EventSettler> settler_;
+    std::vector<RuleEntry> rules_;  // task thread, or control thread once the task thread ended
+    uint32_t lastLost_ = 0;
+    bool lostKnown_ = false;
+    uint64_t lastLostPollMs_ = 0;
+    uint64_t lastFlushMs_ = 0;
+    uint64_t lostPollMs_ = 1000;
+    Framework::RateLimiter malformedLog_;
+    Framework::RateLimiter lostLog_;
+};
+
+}  // namespace Engine

@@ -1,0 +1,434 @@
+#include "process_collect/AuditTask.h"
+
+#include <sys/stat.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <chrono>
+#include <cstring>
+
+#include "framework/Counters.h"
+#include "framework/TaskCondition.h"
+#include "process_collect/AuditEventBuilder.h"
+#include "process_collect/AuditRecordParser.h"
+#include "sdk/ConfigUtils.h"
+#include "sdk/Log.h"
+#include "sdk/LoggerUtils.h"
+
+namespace Engine {
+
+namespace {
+constexpr unsigned int kQueueCapacity = 4096;
+constexpr int kBatch = 128;
+constexpr int kIdleWaitMs = 200;
+constexpr int kSettlePollMs = 20;
+constexpr int kMaxDatagramsPerWake = 512;
+constexpr int kReceiveBuffer = 8 * 1024 * 1024;
+constexpr std::size_t kMaxPendingEvents = 1024;
+constexpr std::size_t kMaxRecordsPerEvent = 64;
+constexpr uint64_t kStaleEventMs = 2000;
+constexpr std::size_t kMaxHeldWrites = 4096;
+constexpr uint64_t kLogIntervalMs = 5000;
+constexpr int64_t kDefaultSettleMs = 300;
+constexpr int64_t kDefaultMaxDelayMs = 5000;
+constexpr int64_t kDefaultBacklog = 8192;
+constexpr int64_t kDefaultLostPollMs = 1000;
+
+constexpr const char* kCounterLost = "audit.lost";
+constexpr const char* kCounterOverrun = "audit.socket_overrun";
+constexpr const char* kCounterMalformed = "audit.records.malformed";
+constexpr const char* kCounterEvicted = "audit.events.evicted";
+constexpr const char* kCounterPathless = "audit.events.pathless";
+constexpr const char* kCounterSettleOverflow = "audit.settle.overflow";
+constexpr const char* kCounterRejected = "audit.rules.rejected";
+
+uint64_t NowMs() {
+    return static_cast<uint64_t>(std::chrono::duration_cast<std::chrono::milliseconds>(
+                                     std::chrono::steady_clock::now().time_since_epoch())
+                                     .count());
+}
+
+int64_t Setting(const std::string& key, int64_t def, int64_t minimum) {
+    const int64_t value = SDK::ConfigUtils::GetInt(key, def);
+    return value < minimum ? def : value;
+}
+
+bool IsDirectory(const std::string& path) {
+    struct stat st {};
+    return ::stat(path.c_str(), &st) == 0 && S_ISDIR(st.st_mode);
+}
+
+std::string RuleText(const AuditWatchRule& rule) {
+    return "-w " + rule.path + " -p " + rule.perms + " -k " + rule.key;
+}
+}  // namespace
+
+AuditTask::AuditTask()
+    : Framework::Task(kTaskName, "process_collect", Framework::TaskCondition::TASK_TYPE_MESSAGE,
+                      kQueueCapacity),
+      malformedLog_(kLogIntervalMs),
+      lostLog_(kLogIntervalMs) {}
+
+AuditTask::~AuditTask() = default;
+
+int AuditTask::Init() {
+    logger_ = SDK::LoggerUtils::GetInstance()->GetModuleLogger("process_collect_module", true);
+    const uint64_t settleMs = static_cast<uint64_t>(Setting("audit.settle_ms", kDefaultSettleMs, 0));
+    const uint64_t maxDelayMs =
+        static_cast<uint64_t>(Setting("audit.max_delay_ms", kDefaultMaxDelayMs, 0));
+    lostPollMs_ = static_cast<uint64_t>(Setting("audit.lost_poll_ms", kDefaultLostPollMs, 10));
+    settler_.reset(new EventSettler(settleMs, maxDelayMs, kMaxHeldWrites, EventSettler::StatFn()));
+    joiner_.reset(new AuditEventJoiner(
+        kMaxPendingEvents, kMaxRecordsPerEvent, kStaleEventMs, [this](const AuditRecord& record) {
+            for (const auto& key : AuditEventBuilder::Keys(record)) {
+                if (IsOwnedKey(key)) return true;
+            }
+            return false;
+        }));
+    SetUpAudit();
+    std::string error;
+    if (!events_.Open(kReceiveBuffer, error)) {
+        TW_LOG(logger_, PRIO_ERROR, "Audit task cannot read audit events: %s", error);
+    } else {
+        GetEventWaiter().AddFd(events_.Fd(), [this](int, uint32_t) { OnReadable(); });
+    }
+    TW_LOG(logger_, PRIO_INFORMATION, "Audit task started (settle %lu ms, max delay %lu ms)",
+           static_cast<unsigned long>(settleMs), static_cast<unsigned long>(maxDelayMs));
+    return Framework::Task::Init();
+}
+
+void AuditTask::SetUpAudit() {
+    std::string error;
+    if (!client_.Open(error)) {
+        TW_LOG(logger_, PRIO_ERROR, "Audit task cannot control audit, rules will fail: %s", error);
+        return;
+    }
+    AuditRuleClient::Status status;
+    if (!client_.GetStatus(status, error)) {
+        TW_LOG(logger_, PRIO_ERROR, "Audit task cannot read the audit status: %s", error);
+        return;
+    }
+    if (status.enabled == 0) {
+        if (client_.SetEnabled(1, error)) {
+            TW_LOG(logger_, PRIO_WARNING, "Audit was disabled in the kernel; audit task enabled it");
+        } else {
+            TW_LOG(logger_, PRIO_ERROR, "Audit is disabled and could not be enabled: %s", error);
+        }
+    } else if (status.enabled == 2) {
+        TW_LOG(logger_, PRIO_WARNING, "Audit configuration is locked; rules cannot be changed");
+    }
+    const int64_t backlog = Setting("audit.backlog", kDefaultBacklog, 1);
+    if (static_cast<int64_t>(status.backlogLimit) < backlog) {
+        if (client_.SetBacklogLimit(static_cast<uint32_t>(backlog), error)) {
+            TW_LOG(logger_, PRIO_INFORMATION, "Audit backlog limit raised from %u to %u",
+                   static_cast<unsigned int>(status.backlogLimit),
+                   static_cast<unsigned int>(backlog));
+        } else {
+            TW_LOG(logger_, PRIO_WARNING, "Audit backlog limit stays %u: %s",
+                   static_cast<unsigned int>(status.backlogLimit), error);
+        }
+    }
+    lastLost_ = status.lost;
+    lostKnown_ = true;
+    const int stale = client_.DeleteWatchesWithKeyPrefix(kOwnedKeyPrefix, error);
+    if (stale < 0) {
+        TW_LOG(logger_, PRIO_WARNING, "Audit task cannot list old rules: %s", error);
+    } else if (stale > 0) {
+        TW_LOG(logger_, PRIO_INFORMATION, "Audit task deleted %d watch rules of an earlier run",
+               stale);
+    }
+}
+
+void AuditTask::UnInit() {
+    std::vector<EventSettler::EventPtr> held;
+    if (settler_) settler_->ReleaseAll(held);
+    DeliverAll(held);
+    for (const auto& entry : rules_) DeleteEntry(entry);
+    rules_.clear();
+    if (events_.Fd() >= 0) GetEventWaiter().RemoveFd(events_.Fd());
+    events_.Close();
+    client_.Close();
+    TW_LOG(logger_, PRIO_INFORMATION, "Audit task stopped");
+    Framework::Task::UnInit();
+}
+
+int AuditTask::Run() {
+    while (!isCancelled()) {
+        const int waitMs = settler_->Held() > 0 ? kSettlePollMs : kIdleWaitMs;
+        if (GetEventWaiter().WaitAndHandleEvent(waitMs, kBatch) == -1) BulkConsumeMsg(kBatch);
+        Housekeeping(NowMs());
+    }
+    return 0;
+}
+
+void AuditTask::Housekeeping(uint64_t nowMs) {
+    std::vector<EventSettler::EventPtr> ready;
+    settler_->Poll(nowMs, ready);
+    DeliverAll(ready);
+    if (nowMs - lastFlushMs_ >= kStaleEventMs / 2) {
+        lastFlushMs_ = nowMs;
+        std::vector<JoinedAuditEvent> stale;
+        joiner_->FlushStale(nowMs, stale);
+        HandleJoined(stale);
+    }
+    if (nowMs - lastLostPollMs_ >= lostPollMs_) {
+        lastLostPollMs_ = nowMs;
+        PollLostCounter();
+    }
+}
+
+void AuditTask::PollLostCounter() {
+    if (!client_.IsOpen()) return;
+    AuditRuleClient::Status status;
+    std::string error;
+    if (!client_.GetStatus(status, error)) return;
+    if (lostKnown_ && status.lost > lastLost_) {
+        const uint32_t lost = status.lost - lastLost_;
+        Framework::Counters::Instance().Add(kCounterLost, lost);
+        uint64_t suppressed = 0;
+        if (lostLog_.Allow(suppressed)) {
+            TW_LOG(logger_, PRIO_WARNING,
+                   "Audit kernel lost %u records (lost counter now %u, %lu reports not logged)",
+                   static_cast<unsigned int>(lost), static_cast<unsigned int>(status.lost),
+                   static_cast<unsigned long>(suppressed));
+        }
+    }
+    lastLost_ = status.lost;
+    lostKnown_ = true;
+}
+
+void AuditTask::OnReadable() {
+    uint64_t overruns = 0;
+    events_.ReadAvailable(
+        kMaxDatagramsPerWake,
+        [this](int type, const char* text, std::size_t len) { OnRecord(type, text, len); },
+        overruns);
+    if (overruns == 0) return;
+    Framework::Counters::Instance().Add(kCounterOverrun, overruns);
+    uint64_t suppressed = 0;
+    if (lostLog_.Allow(suppressed)) {
+        TW_LOG(logger_, PRIO_WARNING,
+               "Audit socket overrun: records lost before the task read them (%lu reports not "
+               "logged)",
+               static_cast<unsigned long>(suppressed));
+    }
+}
+
+void AuditTask::OnRecord(int type, const char* text, std::size_t len) {
+    if (rules_.empty()) return;  // nobody subscribed: nothing to join
+    if (type != AuditRecordType::kSyscall && type != AuditRecordType::kPath &&
+        type != AuditRecordType::kCwd && type != AuditRecordType::kEoe &&
+        type != AuditRecordType::kProctitle && type != AuditRecordType::kOpenat2) {
+        return;
+    }
+    AuditRecord record;
+    std::string error;
+    if (!AuditRecordParser::Parse(type, text, len, record, error)) {
+        Framework::Counters::Instance().Add(kCounterMalformed);
+        uint64_t suppressed = 0;
+        if (malformedLog_.Allow(suppressed)) {
+            TW_LOG(logger_, PRIO_WARNING,
+                   "Audit record of type %d dropped: %s (%lu more not logged)", type, error,
+                   static_cast<unsigned long>(suppressed));
+        }
+        return;
+    }
+    std::vector<JoinedAuditEvent> done;
+    const uint64_t evictedBefore = joiner_->Evicted();
+    joiner_->Add(std::move(record), NowMs(), done);
+    if (joiner_->Evicted() != evictedBefore) {
+        Framework::Counters::Instance().Add(kCounterEvicted, joiner_->Evicted() - evictedBefore);
+    }
+    HandleJoined(done);
+}
+
+void AuditTask::HandleJoined(std::vector<JoinedAuditEvent>& events) {
+    const uint64_t now = NowMs();
+    for (auto& joined : events) {
+        if (joined.records.empty()) continue;
+        for (const auto& key : AuditEventBuilder::Keys(joined.records.front())) {
+            if (!IsOwnedKey(key)) continue;
+            std::unique_ptr<AuditEventMessage> event(new AuditEventMessage());
+            event->sender = this;
+            event->key = key;
+            std::string error;
+            if (!AuditEventBuilder::Build(joined, RootsOf(key), *event->syscall, error)) {
+                Framework::Counters::Instance().Add(kCounterMalformed);
+                TW_LOG(logger_, PRIO_WARNING, "Audit event %lu dropped: %s",
+                       static_cast<unsigned long>(joined.serial), error);
+                continue;
+            }
+            if (event->syscall->paths.empty()) {
+                Framework::Counters::Instance().Add(kCounterPathless);
+                TW_LOG(logger_, PRIO_DEBUG, "Audit event %lu of key %s names no path",
+                       static_cast<unsigned long>(joined.serial), key);
+                continue;
+            }
+            if (!event->syscall->write) {
+                Deliver(std::move(event));
+                continue;
+            }
+            std::vector<EventSettler::EventPtr> early;
+            const uint64_t overflowsBefore = settler_->Overflows();
+            settler_->Hold(std::move(event), now, early);
+            if (settler_->Overflows() != overflowsBefore) {
+                Framework::Counters::Instance().Add(kCounterSettleOverflow);
+            }
+            DeliverAll(early);
+        }
+    }
+}
+
+void AuditTask::DeliverAll(std::vector<EventSettler::EventPtr>& events) {
+    for (auto& event : events) Deliver(std::move(event));
+    events.clear();
+}
+
+void AuditTask::Deliver(std::unique_ptr<AuditEventMessage> event) {
+    if (!event) return;
+    std::vector<std::string> subscribers;
+    for (const auto& entry : rules_) {
+        if (entry.rule.key != event->key) continue;
+        if (std::find(subscribers.begin(), subscribers.end(), entry.subscriber) ==
+            subscribers.end()) {
+            subscribers.push_back(entry.subscriber);
+        }
+    }
+    for (std::size_t i = 0; i < subscribers.size(); ++i) {
+        if (i + 1 == subscribers.size()) {
+            SendDirectMsg(subscribers[i], event.release());
+            break;
+        }
+        auto* copy = new AuditEventMessage();
+        copy->sender = this;
+        copy->key = event->key;
+        copy->syscall = std::make_shared<AuditLogSyscall>(*event->syscall);
+        SendDirectMsg(subscribers[i], copy);
+    }
+}
+
+bool AuditTask::IsOwnedKey(const std::string& key) const {
+    for (const auto& entry : rules_) {
+        if (entry.rule.key == key) return true;
+    }
+    return false;
+}
+
+std::vector<std::string> AuditTask::RootsOf(const std::string& key) const {
+    std::vector<std::string> roots;
+    for (const auto& entry : rules_) {
+        if (entry.rule.key == key) roots.push_back(entry.rule.path);
+    }
+    return roots;
+}
+
+int AuditTask::Receive(const AuditFileSystemCtrlMessage& msg) {
+    if (msg.ruleOption == "-w") {
+        AddRule(msg);
+    } else if (msg.ruleOption == "-W") {
+        DeleteRule(msg);
+    } else {
+        Framework::Counters::Instance().Add(kCounterRejected);
+        TW_LOG(logger_, PRIO_WARNING, "Audit rule request with unknown option '%s' dropped",
+               msg.ruleOption);
+    }
+    return 0;
+}
+
+void AuditTask::AddRule(const AuditFileSystemCtrlMessage& msg) {
+    AuditWatchRule rule;
+    std::string error;
+    if (!AuditWatchRule::Parse(msg.ruleArgument, msg.ruleKey, rule, error)) {
+        Framework::Counters::Instance().Add(kCounterRejected);
+        TW_LOG(logger_, PRIO_WARNING, "Audit rule '%s' key '%s' dropped: %s", msg.ruleArgument,
+               msg.ruleKey, error);
+        return;
+    }
+    if (msg.sender == nullptr) {
+        Framework::Counters::Instance().Add(kCounterRejected);
+        TW_LOG(logger_, PRIO_WARNING, "Audit rule %s dropped: request without sender",
+               RuleText(rule));
+        return;
+    }
+    const std::string subscriber = msg.sender->name();
+    for (auto& entry : rules_) {
+        if (!entry.rule.SameRule(rule)) continue;
+        entry.subscriber = subscriber;
+        TW_LOG(logger_, PRIO_DEBUG, "Audit rule %s already in place", RuleText(rule));
+        return;
+    }
+    rule.directory = IsDirectory(rule.path);
+    const int rc = client_.AddWatch(rule);
+    if (rc != 0 && rc != -EEXIST) {
+        Framework::Counters::Instance().Add(kCounterRejected);
+        TW_LOG(logger_, PRIO_WARNING, "Audit rule %s refused: %s", RuleText(rule),
+               std::string(std::strerror(-rc)));
+        return;
+    }
+    rules_.push_back(RuleEntry{rule, subscriber});
+    TW_LOG(logger_, PRIO_INFORMATION, "Audit rule %s added for %s", RuleText(rule), subscriber);
+}
+
+void AuditTask::DeleteRule(const AuditFileSystemCtrlMessage& msg) {
+    AuditWatchRule rule;
+    std::string error;
+    if (!AuditWatchRule::Parse(msg.ruleArgument, msg.ruleKey, rule, error)) {
+        Framework::Counters::Instance().Add(kCounterRejected);
+        TW_LOG(logger_, PRIO_WARNING, "Audit rule deletion '%s' key '%s' dropped: %s",
+               msg.ruleArgument, msg.ruleKey, error);
+        return;
+    }
+    for (auto it = rules_.begin(); it != rules_.end(); ++it) {
+        if (!it->rule.SameRule(rule)) continue;
+        const RuleEntry entry = *it;
+        rules_.erase(it);
+        DeleteEntry(entry);
+        return;
+    }
+    // Not one of ours (or already gone): try both kinds so that nothing lingers.
+    rule.directory = true;
+    int rc = client_.DeleteWatch(rule);
+    if (rc != 0) {
+        rule.directory = false;
+        rc = client_.DeleteWatch(rule);
+    }
+    TW_LOG(logger_, PRIO_INFORMATION, "Audit rule %s was not added by this task; deletion %s",
+           RuleText(rule), std::string(rc == 0 ? "done" : std::strerror(-rc)));
+}
+
+void AuditTask::DeleteEntry(const RuleEntry& entry) {
+    const int rc = client_.DeleteWatch(entry.rule);
+    if (rc == 0) {
+        TW_LOG(logger_, PRIO_INFORMATION, "Audit rule %s deleted", RuleText(entry.rule));
+    } else if (rc == -ENOENT) {
+        // The kernel drops a directory rule itself when the directory goes away.
+        TW_LOG(logger_, PRIO_INFORMATION, "Audit rule %s was already gone", RuleText(entry.rule));
+    } else {
+        TW_LOG(logger_, PRIO_WARNING, "Audit rule %s could not be deleted: %s",
+               RuleText(entry.rule), std::string(std::strerror(-rc)));
+    }
+}
+
+int AuditTask::Receive(const AuditUnsubscribeMessage& msg) {
+    const Framework::Task* task = msg.task != nullptr ? msg.task : msg.sender;
+    if (task == nullptr) {
+        TW_LOG(logger_, PRIO_WARNING, "Audit unsubscribe without a task dropped");
+        return 0;
+    }
+    const std::string subscriber = task->name();
+    std::vector<RuleEntry> removed;
+    for (auto it = rules_.begin(); it != rules_.end();) {
+        if (it->subscriber != subscriber) {
+            ++it;
+            continue;
+        }
+        removed.push_back(*it);
+        it = rules_.erase(it);
+    }
+    for (const auto& entry : removed) DeleteEntry(entry);
+    TW_LOG(logger_, PRIO_INFORMATION, "Audit subscriber %s removed with %z rules", subscriber,
+           removed.size());
+    return 0;
+}
+
+}  // namespace Engine
