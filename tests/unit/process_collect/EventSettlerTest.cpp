@@ -1,0 +1,129 @@
+#include "process_collect/EventSettler.h"
+
+#include <gtest/gtest.h>
+
+#include <map>
+
+using Engine::AuditEventMessage;
+using Engine::EventSettler;
+
+namespace {
+
+// A file system of our own: the test changes sizes, the settler sees them.
+class SettlerTest : public ::testing::Test {
+protected:
+    static constexpr uint64_t kSettle = 300;
+    static constexpr uint64_t kMaxDelay = 1000;
+
+    SettlerTest()
+        : settler(kSettle, kMaxDelay, 3, [this](const std::string& path) {
+              EventSettler::FileState state;
+              auto it = files.find(path);
+              if (it == files.end()) return state;
+              state.exists = true;
+              state.size = it->second;
+              return state;
+          }) {}
+
+    EventSettler::EventPtr Write(const std::string& path, const std::string& key = "cid:k",
+                                 const std::string& pid = "1") {
+        EventSettler::EventPtr event(new AuditEventMessage());
+        event->key = key;
+        event->syscall->write = true;
+        event->syscall->pid = pid;
+        Engine::AuditLogPath item;
+        item.name = path;
+        event->syscall->paths.push_back(item);
+        return event;
+    }
+
+    std::vector<EventSettler::EventPtr> Poll(uint64_t now) {
+        std::vector<EventSettler::EventPtr> out;
+        settler.Poll(now, out);
+        return out;
+    }
+
+    std::map<std::string, int64_t> files;
+    EventSettler settler;
+    std::vector<EventSettler::EventPtr> early;
+};
+
+TEST_F(SettlerTest, GrowingFileIsHeldUntilItStopsChanging) {
+    files["/f"] = 0;
+    settler.Hold(Write("/f"), 0, early);
+    EXPECT_TRUE(Poll(100).empty());
+    files["/f"] = 4096;
+    EXPECT_TRUE(Poll(250).empty());  // changed at 250: settles at 550
+    EXPECT_TRUE(Poll(500).empty());
+    const auto out = Poll(550);
+    ASSERT_EQ(1u, out.size());
+    EXPECT_EQ("/f", out[0]->syscall->paths[0].name);
+    EXPECT_EQ(0u, settler.Held());
+}
+
+TEST_F(SettlerTest, FileThatNeverSettlesIsReleasedAtTheMaximumDelay) {
+    settler.Hold(Write("/f"), 0, early);
+    for (uint64_t now = 100; now < kMaxDelay; now += 100) {
+        files["/f"] = static_cast<int64_t>(now);
+        ASSERT_TRUE(Poll(now).empty()) << now;
+    }
+    files["/f"] = 1;
+    EXPECT_EQ(1u, Poll(kMaxDelay).size());
+}
+
+TEST_F(SettlerTest, VanishedFileIsReleasedAtOnce) {
+    files["/f"] = 1;
+    settler.Hold(Write("/f"), 0, early);
+    files.erase("/f");
+    EXPECT_EQ(1u, Poll(1).size());
+}
+
+TEST_F(SettlerTest, RepeatedWritesOfOnePathAreMergedAndKeepTheFirstDeadline) {
+    files["/f"] = 1;
+    settler.Hold(Write("/f", "cid:k", "10"), 0, early);
+    settler.Hold(Write("/f", "cid:k", "11"), 200, early);
+    settler.Hold(Write("/f", "cid:other", "12"), 200, early);  // another key: its own event
+    EXPECT_EQ(2u, settler.Held());
+    EXPECT_TRUE(Poll(400).empty());  // the merge counts as a change at 200
+    const auto out = Poll(500);
+    ASSERT_EQ(2u, out.size());
+    for (const auto& event : out) {
+        if (event->key == "cid:k") {
+            EXPECT_EQ("11", event->syscall->pid);
+        }
+    }
+}
+
+TEST_F(SettlerTest, OtherPathsAreNotHeldBehindABusyOne) {
+    files["/busy"] = 0;
+    files["/quiet"] = 5;
+    settler.Hold(Write("/busy"), 0, early);
+    settler.Hold(Write("/quiet"), 0, early);
+    files["/busy"] = 10;
+    const auto out = Poll(300);
+    ASSERT_EQ(1u, out.size());
+    EXPECT_EQ("/quiet", out[0]->syscall->paths[0].name);
+}
+
+TEST_F(SettlerTest, HoldingIsBoundedAndTheOldestLeavesEarly) {
+    for (int i = 0; i < 3; ++i) settler.Hold(Write("/f" + std::to_string(i)), i, early);
+    EXPECT_TRUE(early.empty());
+    settler.Hold(Write("/f3"), 10, early);
+    ASSERT_EQ(1u, early.size());
+    EXPECT_EQ("/f0", early[0]->syscall->paths[0].name);
+    EXPECT_EQ(3u, settler.Held());
+    EXPECT_EQ(1u, settler.Overflows());
+    std::vector<EventSettler::EventPtr> rest;
+    settler.ReleaseAll(rest);
+    EXPECT_EQ(3u, rest.size());
+    EXPECT_EQ(0u, settler.Held());
+}
+
+TEST_F(SettlerTest, EventWithoutPathPassesStraightThrough) {
+    EventSettler::EventPtr event(new AuditEventMessage());
+    settler.Hold(std::move(event), 0, early);
+    EXPECT_EQ(1u, early.size());
+    EXPECT_EQ(0u, settler.Held());
+}
+
+}  // namespace
