@@ -1,0 +1,320 @@
+// The audit module loaded as the agent loads it, on the real framework and the kernel's audit
+// system, with a recording task in place of the feature module. Needs root.
+#include <dlfcn.h>
+#include <fcntl.h>
+#include <stdlib.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <chrono>
+#include <cstdio>
+#include <fstream>
+#include <functional>
+#include <mutex>
+#include <sstream>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "engine/AbstructMessage.h"
+#include "framework/Counters.h"
+#include "framework/Module.h"
+#include "framework/Task.h"
+#include "process_collect/AuditEventMessage.h"
+#include "process_collect/AuditFileSystemCtrlMessage.h"
+#include "process_collect/AuditUnsubscribeMessage.h"
+#include "sdk/ConfigUtils.h"
+
+namespace {
+
+constexpr const char* kRecorderName = "audit_test_recorder";
+constexpr int kDeadlineMs = 10000;
+
+bool WaitFor(const std::function<bool()>& condition, int timeoutMs = kDeadlineMs) {
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeoutMs);
+    while (std::chrono::steady_clock::now() < deadline) {
+        if (condition()) return true;
+        std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    }
+    return condition();
+}
+
+std::string Shell(const std::string& command) {
+    std::string out;
+    FILE* pipe = ::popen(command.c_str(), "r");
+    if (pipe == nullptr) return out;
+    char buf[4096];
+    size_t n = 0;
+    while ((n = std::fread(buf, 1, sizeof(buf), pipe)) > 0) out.append(buf, n);
+    ::pclose(pipe);
+    return out;
+}
+
+std::string AuditRules() { return Shell("auditctl -l 2>&1"); }
+
+bool HasRuleWithKey(const std::string& key) {
+    std::istringstream lines(AuditRules());
+    std::string line;
+    while (std::getline(lines, line)) {
+        const std::size_t at = line.rfind("-k ");
+        if (at != std::string::npos && line.substr(at + 3) == key) return true;
+    }
+    return false;
+}
+
+struct Received {
+    std::string key;
+    Engine::AuditLogSyscall syscall;
+    long long sizeAtReceipt = -1;
+};
+
+// Stands in for the feature module: records every audit event it is sent.
+class RecorderTask : public Framework::Task,
+                     public Engine::AbstructMessage<Engine::AuditEventMessage>::Receiver {
+public:
+    RecorderTask()
+        : Framework::Task(kRecorderName, "test", Framework::TaskCondition::TASK_TYPE_MESSAGE, 256) {}
+
+    int Receive(const Engine::AuditEventMessage& msg) override {
+        Received item;
+        item.key = msg.key;
+        item.syscall = *msg.syscall;
+        struct stat st {};
+        if (!msg.syscall->paths.empty() && ::stat(msg.syscall->paths[0].name.c_str(), &st) == 0) {
+            item.sizeAtReceipt = st.st_size;
+        }
+        std::lock_guard<std::mutex> lock(mutex_);
+        received_.push_back(item);
+        return 0;
+    }
+
+    bool Find(const std::function<bool(const Received&)>& match, Received& found) {
+        std::lock_guard<std::mutex> lock(mutex_);
+        for (const auto& item : received_) {
+            if (match(item)) {
+                found = item;
+                return true;
+            }
+        }
+        return false;
+    }
+
+    std::size_t Count(const std::function<bool(const Received&)>& match) {
+        std::lock_guard<std::mutex> lock(mutex_);
+        std::size_t n = 0;
+        for (const auto& item : received_) n += match(item) ? 1 : 0;
+        return n;
+    }
+
+private:
+    std::mutex mutex_;  // guards received_ (task thread writes, test thread reads)
+    std::vector<Received> received_;
+};
+
+class RecorderModule : public Framework::Module {
+public:
+    RecorderModule() : Framework::Module("audit_test_recorder_module") {}
+};
+
+class AuditModuleTest : public ::testing::Test {
+protected:
+    static void SetUpTestSuite() {
+        if (::geteuid() != 0) return;
+        wasEnabled_ = AuditStatusEnabled();
+    }
+
+    static void TearDownTestSuite() {
+        // The module turns audit on when it finds it off; leave the machine as it was.
+        if (::geteuid() == 0 && wasEnabled_ == "0") Shell("auditctl -e 0 >/dev/null 2>&1");
+    }
+
+    static std::string AuditStatusEnabled() {
+        std::istringstream lines(Shell("auditctl -s 2>/dev/null"));
+        std::string line;
+        while (std::getline(lines, line)) {
+            if (line.compare(0, 8, "enabled ") == 0) return line.substr(8);
+        }
+        return std::string();
+    }
+
+    void SetUp() override {
+        if (::geteuid() != 0) {
+            GTEST_SKIP() << "needs root: kernel audit rules and the audit multicast group";
+        }
+        if (Shell("command -v auditctl").empty()) GTEST_SKIP() << "auditctl is not installed";
+        char pattern[] = "/tmp/tw-audit-test-XXXXXX";
+        ASSERT_NE(nullptr, ::mkdtemp(pattern));
+        dir_ = pattern;
+        keyPrefix_ = "cid:twtest-" + std::to_string(::getpid()) + "-";
+        SDK::ConfigUtils::Set("audit.settle_ms", "200");
+        SDK::ConfigUtils::Set("audit.max_delay_ms", "4000");
+        recorderModule_ = new RecorderModule();
+        recorder_ = new RecorderTask();
+        recorder_->duplicate();  // our own reference, released in TearDown
+        ASSERT_EQ(0, recorderModule_->RegisterTask(recorder_, false));
+    }
+
+    void TearDown() override {
+        StopModule();
+        if (recorderModule_ != nullptr) {
+            recorderModule_->UnRegisterTask(kRecorderName);
+            recorderModule_->release();
+        }
+        if (recorder_ != nullptr) recorder_->release();
+        // Whatever failed above, no rule of this test may stay in the kernel.
+        std::istringstream lines(AuditRules());
+        std::string line;
+        while (std::getline(lines, line)) {
+            if (line.find("-k " + keyPrefix_) == std::string::npos) continue;
+            Shell("auditctl " + std::string(line).replace(0, 2, "-W") + " >/dev/null 2>&1");
+        }
+        if (!dir_.empty()) Shell("rm -rf '" + dir_ + "'");
+        SDK::ConfigUtils::Clear();
+    }
+
+    void StartModule() {
+        handle_ = ::dlopen(TARNWICK_LIB_DIR "/libprocess_collect_module.so", RTLD_NOW | RTLD_LOCAL);
+        ASSERT_NE(nullptr, handle_) << ::dlerror();
+        auto create = reinterpret_cast<CreateModuleFunc>(::dlsym(handle_, "CreateModule"));
+        ASSERT_NE(nullptr, create);
+        module_ = create();
+        ASSERT_NE(nullptr, module_);
+        ASSERT_EQ(0, module_->Init());
+        ASSERT_NE(nullptr, module_->FindTask("audit_task"));
+    }
+
+    void StopModule() {
+        if (module_ == nullptr) return;
+        module_->UnInit();
+        module_->release();
+        module_ = nullptr;
+    }
+
+    void Request(const std::string& option, const std::string& path, const std::string& key) {
+        auto* msg = new Engine::AuditFileSystemCtrlMessage(recorder_);
+        msg->ruleKey = key;
+        msg->ruleOption = option;
+        msg->ruleArgument = path + " -p wa";
+        ASSERT_EQ(0, recorder_->SendDirectMsg("audit_task", msg));
+    }
+
+    std::string MakeDir(const std::string& name) {
+        const std::string path = dir_ + "/" + name;
+        ::mkdir(path.c_str(), 0755);
+        return path;
+    }
+
+    std::string dir_;
+    std::string keyPrefix_;
+    void* handle_ = nullptr;
+    Framework::Module* module_ = nullptr;
+    RecorderModule* recorderModule_ = nullptr;
+    RecorderTask* recorder_ = nullptr;
+    static std::string wasEnabled_;
+};
+
+std::string AuditModuleTest::wasEnabled_;
+
+std::string ReadAll(const std::string& path) {
+    std::ifstream in(path, std::ios::binary);
+    return std::string(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
+}
+
+TEST_F(AuditModuleTest, ExecutableWrittenUnderAWatchArrivesWhenItHasSettled) {
+    StartModule();
+    const std::string root = MakeDir("root");
+    const std::string key = keyPrefix_ + "write";
+    Request("-w", root, key);
+    ASSERT_TRUE(WaitFor([&] { return HasRuleWithKey(key); })) << AuditRules();
+
+    const std::string image = ReadAll("/bin/true");
+    ASSERT_GT(image.size(), 1000u);
+    const std::string file = root + "/tool";
+    const int fd = ::open(file.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0755);
+    ASSERT_GE(fd, 0);
+    const std::size_t half = image.size() / 2;
+    ASSERT_EQ(static_cast<ssize_t>(half), ::write(fd, image.data(), half));
+    // A writer that pauses midway: the event must wait for the rest of the file.
+    std::this_thread::sleep_for(std::chrono::milliseconds(100));
+    ASSERT_EQ(static_cast<ssize_t>(image.size() - half),
+              ::write(fd, image.data() + half, image.size() - half));
+    ::close(fd);
+
+    Received got;
+    const auto isOurs = [&](const Received& r) {
+        return r.key == key && !r.syscall.paths.empty() && r.syscall.paths[0].name == file;
+    };
+    ASSERT_TRUE(WaitFor([&] { return recorder_->Find(isOurs, got); }));
+    EXPECT_TRUE(got.syscall.write);
+    EXPECT_EQ(std::to_string(::getpid()), got.syscall.pid);
+    EXPECT_EQ(std::to_string(::getppid()), got.syscall.ppid);
+    std::string comm = ReadAll("/proc/self/comm");
+    while (!comm.empty() && comm.back() == '\n') comm.pop_back();
+    EXPECT_EQ(comm, got.syscall.processName);
+    EXPECT_EQ(static_cast<long long>(image.size()), got.sizeAtReceipt);
+    EXPECT_EQ(1u, recorder_->Count(isOurs));
+
+    ::chmod(file.c_str(), 0700);
+    ASSERT_TRUE(WaitFor([&] {
+        return recorder_->Find(
+            [&](const Received& r) { return isOurs(r) && r.syscall.attr && !r.syscall.write; },
+            got);
+    }));
+
+    Request("-W", root, key);
+    EXPECT_TRUE(WaitFor([&] { return !HasRuleWithKey(key); })) << AuditRules();
+}
+
+TEST_F(AuditModuleTest, StoppingTheModuleDeletesEveryRuleItAdded) {
+    StartModule();
+    const std::string keyA = keyPrefix_ + "a";
+    const std::string keyB = keyPrefix_ + "b";
+    Request("-w", MakeDir("a"), keyA);
+    Request("-w", dir_ + "/missing-file", keyB);  // a path that does not exist yet
+    ASSERT_TRUE(WaitFor([&] { return HasRuleWithKey(keyA) && HasRuleWithKey(keyB); }))
+        << AuditRules();
+    StopModule();
+    EXPECT_FALSE(HasRuleWithKey(keyA));
+    EXPECT_FALSE(HasRuleWithKey(keyB));
+}
+
+TEST_F(AuditModuleTest, UnsubscribeDeletesTheSubscribersRules) {
+    StartModule();
+    const std::string keyA = keyPrefix_ + "u1";
+    const std::string keyB = keyPrefix_ + "u2";
+    Request("-w", MakeDir("u1"), keyA);
+    Request("-w", MakeDir("u2"), keyB);
+    ASSERT_TRUE(WaitFor([&] { return HasRuleWithKey(keyA) && HasRuleWithKey(keyB); }));
+    ASSERT_EQ(0, recorder_->SendDirectMsg("audit_task",
+                                          new Engine::AuditUnsubscribeMessage(recorder_)));
+    EXPECT_TRUE(WaitFor([&] { return !HasRuleWithKey(keyA) && !HasRuleWithKey(keyB); }))
+        << AuditRules();
+}
+
+TEST_F(AuditModuleTest, RulesLeftByAnEarlierRunAreDeletedAtStart) {
+    const std::string stale = MakeDir("stale");
+    const std::string key = keyPrefix_ + "stale";
+    Shell("auditctl -w " + stale + " -p wa -k " + key + " >/dev/null 2>&1");
+    ASSERT_TRUE(HasRuleWithKey(key)) << AuditRules();
+    StartModule();
+    EXPECT_FALSE(HasRuleWithKey(key)) << AuditRules();
+}
+
+TEST_F(AuditModuleTest, BadRuleRequestsAreDroppedAndTheTaskGoesOn) {
+    StartModule();
+    auto& rejected = Framework::Counters::Instance().Get("audit.rules.rejected");
+    const uint64_t before = rejected.load();
+    Request("-w", "", keyPrefix_ + "empty");
+    Request("-w", "relative/path", keyPrefix_ + "relative");
+    Request("-x", dir_, keyPrefix_ + "option");
+    const std::string key = keyPrefix_ + "good";
+    Request("-w", MakeDir("good"), key);
+    ASSERT_TRUE(WaitFor([&] { return HasRuleWithKey(key); }));
+    EXPECT_EQ(before + 3, rejected.load());
+    EXPECT_FALSE(HasRuleWithKey(keyPrefix_ + "relative"));
+}
+
+}  // namespace
