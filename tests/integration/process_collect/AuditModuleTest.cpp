@@ -2,11 +2,10 @@
 // system, with a recording task in place of the feature module. Needs root.
 #include <dlfcn.h>
 #include <fcntl.h>
+#include <gtest/gtest.h>
 #include <stdlib.h>
 #include <sys/stat.h>
 #include <unistd.h>
-
-#include <gtest/gtest.h>
 
 #include <atomic>
 #include <chrono>
@@ -76,7 +75,8 @@ class RecorderTask : public Framework::Task,
                      public Engine::AbstructMessage<Engine::AuditEventMessage>::Receiver {
 public:
     RecorderTask()
-        : Framework::Task(kRecorderName, "test", Framework::TaskCondition::TASK_TYPE_MESSAGE, 256) {}
+        : Framework::Task(kRecorderName, "test", Framework::TaskCondition::TASK_TYPE_MESSAGE, 256) {
+    }
 
     int Receive(const Engine::AuditEventMessage& msg) override {
         Received item;
@@ -123,19 +123,23 @@ class AuditModuleTest : public ::testing::Test {
 protected:
     static void SetUpTestSuite() {
         if (::geteuid() != 0) return;
-        wasEnabled_ = AuditStatusEnabled();
+        wasEnabled_ = AuditStatus("enabled");
+        backlogBefore_ = AuditStatus("backlog_limit");
     }
 
     static void TearDownTestSuite() {
         // The module turns audit on when it finds it off; leave the machine as it was.
-        if (::geteuid() == 0 && wasEnabled_ == "0") Shell("auditctl -e 0 >/dev/null 2>&1");
+        if (::geteuid() != 0) return;
+        if (wasEnabled_ == "0") Shell("auditctl -e 0 >/dev/null 2>&1");
+        if (!backlogBefore_.empty()) Shell("auditctl -b " + backlogBefore_ + " >/dev/null 2>&1");
     }
 
-    static std::string AuditStatusEnabled() {
+    static std::string AuditStatus(const std::string& name) {
         std::istringstream lines(Shell("auditctl -s 2>/dev/null"));
         std::string line;
+        const std::string prefix = name + " ";
         while (std::getline(lines, line)) {
-            if (line.compare(0, 8, "enabled ") == 0) return line.substr(8);
+            if (line.compare(0, prefix.size(), prefix) == 0) return line.substr(prefix.size());
         }
         return std::string();
     }
@@ -214,9 +218,11 @@ protected:
     RecorderModule* recorderModule_ = nullptr;
     RecorderTask* recorder_ = nullptr;
     static std::string wasEnabled_;
+    static std::string backlogBefore_;
 };
 
 std::string AuditModuleTest::wasEnabled_;
+std::string AuditModuleTest::backlogBefore_;
 
 std::string ReadAll(const std::string& path) {
     std::ifstream in(path, std::ios::binary);
@@ -288,8 +294,8 @@ TEST_F(AuditModuleTest, UnsubscribeDeletesTheSubscribersRules) {
     Request("-w", MakeDir("u1"), keyA);
     Request("-w", MakeDir("u2"), keyB);
     ASSERT_TRUE(WaitFor([&] { return HasRuleWithKey(keyA) && HasRuleWithKey(keyB); }));
-    ASSERT_EQ(0, recorder_->SendDirectMsg("audit_task",
-                                          new Engine::AuditUnsubscribeMessage(recorder_)));
+    ASSERT_EQ(
+        0, recorder_->SendDirectMsg("audit_task", new Engine::AuditUnsubscribeMessage(recorder_)));
     EXPECT_TRUE(WaitFor([&] { return !HasRuleWithKey(keyA) && !HasRuleWithKey(keyB); }))
         << AuditRules();
 }

@@ -157,9 +157,8 @@ TEST_F(Joining, InterleavedEventsAreKeptApart) {
 }
 
 TEST_F(Joining, RecordsWithoutTheirSyscallAndUnwantedEventsAreIgnored) {
-    AuditEventJoiner joiner(8, 16, 1000, [](const AuditRecord& r) {
-        return !AuditEventBuilder::Keys(r).empty();
-    });
+    AuditEventJoiner joiner(
+        8, 16, 1000, [](const AuditRecord& r) { return !AuditEventBuilder::Keys(r).empty(); });
     joiner.Add(Record(1302, 5, "item=0 name=\"/a\""), 0, out);
     joiner.Add(Record(1300, 6, "syscall=2 key=(null)"), 0, out);
     joiner.Add(Record(1302, 6, "item=0 name=\"/a\""), 0, out);
@@ -171,7 +170,8 @@ TEST_F(Joining, RecordsWithoutTheirSyscallAndUnwantedEventsAreIgnored) {
 
 TEST_F(Joining, OpenEventsAreBoundedAndTheOldestLeavesFirst) {
     AuditEventJoiner joiner(3, 4, 1000);
-    for (uint64_t serial = 1; serial <= 5; ++serial) joiner.Add(Record(1300, serial, kSyscall), 0, out);
+    for (uint64_t serial = 1; serial <= 5; ++serial)
+        joiner.Add(Record(1300, serial, kSyscall), 0, out);
     EXPECT_EQ(3u, joiner.Pending());
     ASSERT_EQ(2u, out.size());
     EXPECT_EQ(1u, out[0].serial);

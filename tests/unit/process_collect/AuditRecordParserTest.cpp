@@ -1,8 +1,7 @@
-#include "process_collect/AuditRecordParser.h"
-
 #include <gtest/gtest.h>
 
 #include "AuditTestData.h"
+#include "process_collect/AuditRecordParser.h"
 
 using Engine::AuditRecord;
 using Engine::AuditRecordParser;

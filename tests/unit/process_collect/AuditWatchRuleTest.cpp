@@ -1,8 +1,7 @@
-#include "process_collect/AuditWatchRule.h"
-
+#include <gtest/gtest.h>
 #include <linux/audit.h>
 
-#include <gtest/gtest.h>
+#include "process_collect/AuditWatchRule.h"
 
 using Engine::AuditWatchRule;
 
@@ -37,8 +36,8 @@ TEST(AuditWatchRuleParse, BadArgumentsAreRefused) {
     EXPECT_FALSE(AuditWatchRule::Parse("/x -p wz", "cid:a", rule, error));
     EXPECT_FALSE(AuditWatchRule::Parse("/x -p ", "cid:a", rule, error));
     EXPECT_FALSE(AuditWatchRule::Parse("/x -p wa", "", rule, error));
-    EXPECT_FALSE(AuditWatchRule::Parse("/x -p wa", std::string(AUDIT_MAX_KEY_LEN + 1, 'k'), rule,
-                                       error));
+    EXPECT_FALSE(
+        AuditWatchRule::Parse("/x -p wa", std::string(AUDIT_MAX_KEY_LEN + 1, 'k'), rule, error));
     EXPECT_FALSE(AuditWatchRule::Parse("/" + std::string(5000, 'a'), "cid:a", rule, error));
 }
 

@@ -1,8 +1,8 @@
-#include "process_collect/EventSettler.h"
-
 #include <gtest/gtest.h>
 
 #include <map>
+
+#include "process_collect/EventSettler.h"
 
 using Engine::AuditEventMessage;
 using Engine::EventSettler;

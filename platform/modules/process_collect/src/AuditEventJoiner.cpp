@@ -11,15 +11,14 @@ bool IsEventRecord(int type) {
 }
 }  // namespace
 
-AuditEventJoiner::AuditEventJoiner(std::size_t maxPending, std::size_t maxRecords,
-                                   uint64_t staleMs, Filter want)
+AuditEventJoiner::AuditEventJoiner(std::size_t maxPending, std::size_t maxRecords, uint64_t staleMs,
+                                   Filter want)
     : maxPending_(maxPending == 0 ? 1 : maxPending),
       maxRecords_(maxRecords == 0 ? 1 : maxRecords),
       staleMs_(staleMs),
       want_(std::move(want)) {}
 
-void AuditEventJoiner::Add(AuditRecord record, uint64_t nowMs,
-                           std::vector<JoinedAuditEvent>& out) {
+void AuditEventJoiner::Add(AuditRecord record, uint64_t nowMs, std::vector<JoinedAuditEvent>& out) {
     if (record.type == AuditRecordType::kSyscall) {
         if (want_ && !want_(record)) return;
         if (pending_.count(record.serial) != 0) return;  // a second SYSCALL for a serial is bogus

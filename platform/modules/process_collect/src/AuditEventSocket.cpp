@@ -71,7 +71,8 @@ int AuditEventSocket::ReadAvailable(int maxDatagrams, const RecordFn& onRecord,
             const std::size_t step = NLMSG_ALIGN(length);
             if (step >= left) break;
             left -= step;
-            header = reinterpret_cast<const nlmsghdr*>(reinterpret_cast<const char*>(header) + step);
+            header =
+                reinterpret_cast<const nlmsghdr*>(reinterpret_cast<const char*>(header) + step);
         }
     }
     return read;

@@ -23,8 +23,7 @@ int HexValue(char c) {
 }
 
 // "audit(1795391830.115:2): " -> timestamp and serial; `pos` ends after the header.
-bool ParseHeader(const std::string& text, std::size_t& pos, AuditRecord& out,
-                 std::string& error) {
+bool ParseHeader(const std::string& text, std::size_t& pos, AuditRecord& out, std::string& error) {
     if (text.compare(0, sizeof(kHeaderPrefix) - 1, kHeaderPrefix) != 0) {
         error = "no audit( header";
         return false;
@@ -57,8 +56,7 @@ bool ParseHeader(const std::string& text, std::size_t& pos, AuditRecord& out,
 }
 
 // Reads one value starting at `pos`: "quoted", 'quoted' (kept with its quotes) or bare.
-bool ReadValue(const std::string& text, std::size_t& pos, std::string& value,
-               std::string& error) {
+bool ReadValue(const std::string& text, std::size_t& pos, std::string& value, std::string& error) {
     const char first = pos < text.size() ? text[pos] : ' ';
     if (first == '"' || first == '\'') {
         const std::size_t end = text.find(first, pos + 1);

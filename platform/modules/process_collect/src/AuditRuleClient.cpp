@@ -170,8 +170,8 @@ int AuditRuleClient::SendRule(const AuditWatchRule& rule, bool add) {
     if (fd_ < 0) return -EBADF;
     audit_rule_data* data = audit_rule_create_data();
     if (data == nullptr) return -ENOMEM;
-    int rc = audit_add_watch_dir(rule.directory ? AUDIT_DIR : AUDIT_WATCH, &data,
-                                 rule.path.c_str());
+    int rc =
+        audit_add_watch_dir(rule.directory ? AUDIT_DIR : AUDIT_WATCH, &data, rule.path.c_str());
     if (rc == 0) rc = audit_update_watch_perms(data, rule.PermMask());
     if (rc == 0) {
         const std::string pair = "key=" + rule.key;
@@ -235,8 +235,7 @@ bool AuditRuleClient::ListWatches(const std::string& keyPrefix, std::vector<Audi
     return true;
 }
 
-int AuditRuleClient::DeleteWatchesWithKeyPrefix(const std::string& keyPrefix,
-                                                std::string& error) {
+int AuditRuleClient::DeleteWatchesWithKeyPrefix(const std::string& keyPrefix, std::string& error) {
     std::vector<std::string> raw;
     if (!ListRaw(raw, error)) return -1;
     int deleted = 0;

@@ -73,18 +73,19 @@ AuditTask::~AuditTask() = default;
 
 int AuditTask::Init() {
     logger_ = SDK::LoggerUtils::GetInstance()->GetModuleLogger("process_collect_module", true);
-    const uint64_t settleMs = static_cast<uint64_t>(Setting("audit.settle_ms", kDefaultSettleMs, 0));
+    const uint64_t settleMs =
+        static_cast<uint64_t>(Setting("audit.settle_ms", kDefaultSettleMs, 0));
     const uint64_t maxDelayMs =
         static_cast<uint64_t>(Setting("audit.max_delay_ms", kDefaultMaxDelayMs, 0));
     lostPollMs_ = static_cast<uint64_t>(Setting("audit.lost_poll_ms", kDefaultLostPollMs, 10));
     settler_.reset(new EventSettler(settleMs, maxDelayMs, kMaxHeldWrites, EventSettler::StatFn()));
-    joiner_.reset(new AuditEventJoiner(
-        kMaxPendingEvents, kMaxRecordsPerEvent, kStaleEventMs, [this](const AuditRecord& record) {
-            for (const auto& key : AuditEventBuilder::Keys(record)) {
-                if (IsOwnedKey(key)) return true;
-            }
-            return false;
-        }));
+    joiner_.reset(new AuditEventJoiner(kMaxPendingEvents, kMaxRecordsPerEvent, kStaleEventMs,
+                                       [this](const AuditRecord& record) {
+                                           for (const auto& key : AuditEventBuilder::Keys(record)) {
+                                               if (IsOwnedKey(key)) return true;
+                                           }
+                                           return false;
+                                       }));
     SetUpAudit();
     std::string error;
     if (!events_.Open(kReceiveBuffer, error)) {
@@ -110,7 +111,8 @@ void AuditTask::SetUpAudit() {
     }
     if (status.enabled == 0) {
         if (client_.SetEnabled(1, error)) {
-            TW_LOG(logger_, PRIO_WARNING, "Audit was disabled in the kernel; audit task enabled it");
+            TW_LOG(logger_, PRIO_WARNING,
+                   "Audit was disabled in the kernel; audit task enabled it");
         } else {
             TW_LOG(logger_, PRIO_ERROR, "Audit is disabled and could not be enabled: %s", error);
         }

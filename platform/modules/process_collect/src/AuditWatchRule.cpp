@@ -17,8 +17,8 @@ std::string Trim(const std::string& text) {
 }
 }  // namespace
 
-bool AuditWatchRule::Parse(const std::string& argument, const std::string& key,
-                           AuditWatchRule& out, std::string& error) {
+bool AuditWatchRule::Parse(const std::string& argument, const std::string& key, AuditWatchRule& out,
+                           std::string& error) {
     AuditWatchRule rule;
     const std::size_t flag = argument.rfind(kPermFlag);
     if (flag == std::string::npos) {

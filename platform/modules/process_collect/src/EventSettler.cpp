@@ -4,8 +4,7 @@
 
 namespace Engine {
 
-EventSettler::EventSettler(uint64_t settleMs, uint64_t maxDelayMs, std::size_t maxHeld,
-                           StatFn stat)
+EventSettler::EventSettler(uint64_t settleMs, uint64_t maxDelayMs, std::size_t maxHeld, StatFn stat)
     : settleMs_(settleMs),
       maxDelayMs_(maxDelayMs < settleMs ? settleMs : maxDelayMs),
       maxHeld_(maxHeld == 0 ? 1 : maxHeld),

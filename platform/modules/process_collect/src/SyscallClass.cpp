@@ -11,20 +11,19 @@ namespace {
 // The kernel's write class: its directory-write list plus the other writing calls.
 const std::set<std::string>& WriteClass() {
     static const std::set<std::string> names = {
-        "rename",   "mkdir",    "rmdir",      "creat",       "link",       "unlink",
-        "symlink",  "mknod",    "mkdirat",    "mknodat",     "unlinkat",   "renameat",
-        "linkat",   "symlinkat", "renameat2", "acct",        "swapon",     "quotactl",
-        "quotactl_fd", "truncate", "truncate64", "ftruncate", "ftruncate64", "bind",
-        "fallocate"};
+        "rename",    "mkdir",       "rmdir",   "creat",    "link",        "unlink",   "symlink",
+        "mknod",     "mkdirat",     "mknodat", "unlinkat", "renameat",    "linkat",   "symlinkat",
+        "renameat2", "acct",        "swapon",  "quotactl", "quotactl_fd", "truncate", "truncate64",
+        "ftruncate", "ftruncate64", "bind",    "fallocate"};
     return names;
 }
 
 // The kernel's change-attribute class.
 const std::set<std::string>& AttrClass() {
     static const std::set<std::string> names = {
-        "chmod",    "fchmod",   "chown",       "lchown",       "fchown",      "setxattr",
-        "lsetxattr", "fsetxattr", "removexattr", "lremovexattr", "fremovexattr", "fchownat",
-        "fchmodat", "chown32",  "fchown32",    "lchown32",     "link",        "linkat",
+        "chmod",     "fchmod",     "chown",        "lchown",       "fchown",       "setxattr",
+        "lsetxattr", "fsetxattr",  "removexattr",  "lremovexattr", "fremovexattr", "fchownat",
+        "fchmodat",  "chown32",    "fchown32",     "lchown32",     "link",         "linkat",
         "fchmodat2", "setxattrat", "removexattrat"};
     return names;
 }

@@ -50,7 +50,8 @@ private:
     std::size_t maxRecords_;
     uint64_t staleMs_;
     Filter want_;
-    std::map<uint64_t, OpenEvent> pending_;  // serial -> open event; serials grow, so begin() is oldest
+    std::map<uint64_t, OpenEvent>
+        pending_;  // serial -> open event; serials grow, so begin() is oldest
     uint64_t evicted_ = 0;
     uint64_t droppedRecords_ = 0;
 };
