@@ -323,4 +323,67 @@ TEST_F(AuditModuleTest, BadRuleRequestsAreDroppedAndTheTaskGoesOn) {
     EXPECT_FALSE(HasRuleWithKey(keyPrefix_ + "relative"));
 }
 
+// Docker engine needed: a container image made of busybox-static, local to this test.
+class AuditContainerTest : public AuditModuleTest {
+protected:
+    void SetUp() override {
+        AuditModuleTest::SetUp();
+        if (IsSkipped() || HasFatalFailure()) return;
+        if (Shell("docker info >/dev/null 2>&1 && echo up").empty()) {
+            GTEST_SKIP() << "needs a running Docker engine";
+        }
+        if (::access("/bin/busybox", X_OK) != 0) GTEST_SKIP() << "needs busybox-static";
+        image_ = "tw-audit-test:" + std::to_string(::getpid());
+        const std::string rootfs = dir_ + "/rootfs";
+        Shell("mkdir -p " + rootfs + "/bin " + rootfs + "/usr/bin && cp /bin/busybox " + rootfs +
+              "/bin/ && for c in sh cp sleep; do ln -s busybox " + rootfs +
+              "/bin/$c; done && tar -C " + rootfs + " -c . | docker import - " + image_ +
+              " >/dev/null 2>&1");
+        container_ =
+            Trim(Shell("docker run -d --network none " + image_ + " /bin/sleep 300 2>/dev/null"));
+        ASSERT_EQ(64u, container_.size()) << "container did not start";
+        merged_ = Trim(Shell("docker inspect -f '{{.GraphDriver.Data.MergedDir}}' " + container_));
+        ASSERT_FALSE(merged_.empty());
+    }
+
+    void TearDown() override {
+        StopModule();  // its rule goes before the container does
+        if (!container_.empty()) Shell("docker rm -f " + container_ + " >/dev/null 2>&1");
+        if (!image_.empty()) Shell("docker rmi -f " + image_ + " >/dev/null 2>&1");
+        AuditModuleTest::TearDown();
+    }
+
+    static std::string Trim(std::string text) {
+        while (!text.empty() && (text.back() == '\n' || text.back() == ' ')) text.pop_back();
+        return text;
+    }
+
+    std::string image_;
+    std::string container_;
+    std::string merged_;
+};
+
+TEST_F(AuditContainerTest, WriteInsideAContainerArrivesAsAHostPath) {
+    StartModule();
+    const std::string key = keyPrefix_ + container_;
+    Request("-w", merged_, key);
+    ASSERT_TRUE(WaitFor([&] { return HasRuleWithKey(key); })) << AuditRules();
+    Shell("docker exec " + container_ + " cp /bin/busybox /usr/bin/tool");
+
+    const std::string file = merged_ + "/usr/bin/tool";
+    Received got;
+    ASSERT_TRUE(WaitFor([&] {
+        return recorder_->Find(
+            [&](const Received& r) {
+                return r.key == key && !r.syscall.paths.empty() &&
+                       r.syscall.paths[0].name == file && r.syscall.write;
+            },
+            got);
+    }));
+    EXPECT_EQ("cp", got.syscall.processName);
+    struct stat st {};
+    ASSERT_EQ(0, ::stat("/bin/busybox", &st));
+    EXPECT_EQ(static_cast<long long>(st.st_size), got.sizeAtReceipt);
+}
+
 }  // namespace
