@@ -52,6 +52,7 @@ int Module::RegisterTask(Task* task, bool detached) {
     running.task = task;
     running.detached = detached;
     running.thread = std::thread([task] { task->run(); });
+    task->WaitUntilRunning();  // a stop right after the start must not be lost
     std::lock_guard<std::mutex> lock(mutex_);
     tasks_[taskName] = std::move(running);
     return 0;

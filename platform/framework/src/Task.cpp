@@ -32,7 +32,19 @@ Task::Task(const std::string& name, const std::string& feature, TaskCondition::T
 
 Task::~Task() = default;
 
-void Task::runTask() { Run(); }
+void Task::runTask() {
+    {
+        std::lock_guard<std::mutex> lock(runningMutex_);
+        running_ = true;
+    }
+    runningCv_.notify_all();
+    Run();
+}
+
+void Task::WaitUntilRunning() {
+    std::unique_lock<std::mutex> lock(runningMutex_);
+    runningCv_.wait(lock, [this] { return running_; });
+}
 
 int Task::Init() { return 0; }
 

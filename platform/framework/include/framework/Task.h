@@ -1,7 +1,9 @@
 #pragma once
 
 #include <atomic>
+#include <condition_variable>
 #include <memory>
+#include <mutex>
 #include <string>
 
 #include <Poco/Task.h>
@@ -29,6 +31,10 @@ public:
 
     /// Poco's entry point on the task thread: runs Run().
     void runTask() override;
+    /// Blocks until the task thread has entered runTask. Poco marks a task running when its
+    /// thread starts, overwriting a cancel that came earlier, so a task must not be cancelled
+    /// before this returned.
+    void WaitUntilRunning();
 
     /// Start and stop on the control thread; derived tasks call these last in their own
     /// Init/UnInit. The task's name is reachable by SendDirectMsg from just before Init until
@@ -73,6 +79,9 @@ private:
     MessageConsumer consumer_;
     EventWaiter waiter_;
     std::shared_ptr<Policy> policy_;  // accessed only through std::atomic_load/atomic_store
+    std::mutex runningMutex_;         // guards running_
+    std::condition_variable runningCv_;
+    bool running_ = false;
 };
 
 }  // namespace Framework
