@@ -7,7 +7,8 @@
 #   dockerd.sh status  exit 0 when an engine answers.
 # Settings: DOCKER_SOCKET (/var/run/docker.sock), DOCKERD_LOG (/var/log/tarnwick-dockerd.log),
 # DOCKERD_STATE (/run/tarnwick-dockerd.pid: present only while a dockerd we started runs),
-# DOCKERD_TIMEOUT (seconds to wait for the engine, 60), BUSYBOX_IMAGE.
+# DOCKERD_TIMEOUT (seconds to wait for the engine, 60), DOCKERD_ARGS (more dockerd options,
+# e.g. a private --data-root/--exec-root/--pidfile for a second engine), BUSYBOX_IMAGE.
 set -euo pipefail
 
 DOCKER_SOCKET=${DOCKER_SOCKET:-/var/run/docker.sock}
@@ -15,6 +16,7 @@ DOCKERD_LOG=${DOCKERD_LOG:-/var/log/tarnwick-dockerd.log}
 DOCKERD_STATE=${DOCKERD_STATE:-/run/tarnwick-dockerd.pid}
 DOCKERD_TIMEOUT=${DOCKERD_TIMEOUT:-60}
 DOCKERD_LOCK=${DOCKERD_LOCK:-/run/tarnwick-dockerd.lock}
+DOCKERD_ARGS=${DOCKERD_ARGS:-}
 BUSYBOX_IMAGE=${BUSYBOX_IMAGE:-tarnwick/busybox:latest}
 export DOCKER_HOST=unix://$DOCKER_SOCKET
 
@@ -49,8 +51,10 @@ start() {
     command -v dockerd >/dev/null || die "dockerd not found (apt-get install docker.io)"
     mkdir -p "$(dirname "$DOCKERD_LOG")"
     # overlay2: the container's merged directory is its root filesystem as seen from the host.
-    setsid dockerd --host "unix://$DOCKER_SOCKET" --storage-driver overlay2 \
-      >>"$DOCKERD_LOG" 2>&1 < /dev/null &
+    # The engine must not inherit our lock (fd 9), or it would hold it for its whole life.
+    # shellcheck disable=SC2086
+    setsid dockerd --host "unix://$DOCKER_SOCKET" --storage-driver overlay2 $DOCKERD_ARGS \
+      >>"$DOCKERD_LOG" 2>&1 < /dev/null 9>&- &
     pid=$!
     echo "$pid" > "$DOCKERD_STATE"
     echo "dockerd.sh: started dockerd $pid (log $DOCKERD_LOG)"
