@@ -1,6 +1,6 @@
-// A private Docker engine of the test's own (own socket, data and exec roots, live restore) is
-// stopped and started again under the loaded module: the module reconnects and settles the
-// difference between what it announced and what runs now.
+// A private Docker engine of the test's own (own socket, data and exec roots, bridge, live
+// restore) is stopped and started again under the loaded module: the module reconnects and
+// settles the difference between what it announced and what runs now.
 #include <signal.h>
 #include <stdlib.h>
 #include <unistd.h>
@@ -39,6 +39,14 @@ protected:
         ASSERT_NE(::mkdtemp(tmpl), nullptr);
         dir_ = tmpl;
         socket_ = dir_ + "/docker.sock";
+        // A bridge of its own: an engine told "--bridge none" deletes the host's docker0, which
+        // the shared engine needs.
+        bridge_ = "twbr" + std::to_string(::getpid() % 100000);
+        const std::string subnet = "10.254." + std::to_string(::getpid() % 250) + ".1/24";
+        ASSERT_FALSE(Shell("ip link add " + bridge_ + " type bridge && ip addr add " + subnet +
+                           " dev " + bridge_ + " && ip link set " + bridge_ + " up && echo ok")
+                         .empty())
+            << "cannot create bridge " << bridge_;
         ASSERT_TRUE(Engine("start")) << "private dockerd did not start; see " << dir_;
         ASSERT_TRUE(Engine("image"));
     }
@@ -51,13 +59,14 @@ protected:
         Shell("awk '{print $5}' /proc/self/mountinfo | grep '^" + dir_ +
               "' | sort -r | xargs -r umount -l");
         Shell("rm -rf " + dir_);
+        if (!bridge_.empty()) Shell("ip link del " + bridge_);
     }
     bool Engine(const std::string& verb) {
         const std::string env =
             "DOCKER_SOCKET=" + socket_ + " DOCKERD_STATE=" + dir_ + "/dockerd.pid DOCKERD_LOG=" +
             dir_ + "/dockerd.log DOCKERD_LOCK=" + dir_ + "/lock DOCKERD_ARGS='--data-root " +
             dir_ + "/data --exec-root " + dir_ + "/exec --pidfile " + dir_ +
-            "/docker.pid --bridge none --iptables=false --ip-masq=false --live-restore'";
+            "/docker.pid --bridge " + bridge_ + " --iptables=false --ip-masq=false --live-restore'";
         return !Shell(env + " bash " + TARNWICK_SOURCE_DIR "/scripts/dockerd.sh " + verb +
                       " 2>&1 && echo ok")
                     .empty();
@@ -73,6 +82,7 @@ protected:
 
     std::string dir_;
     std::string socket_;
+    std::string bridge_;
     std::vector<std::string> containers_;
 };
 
