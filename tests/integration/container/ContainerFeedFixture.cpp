@@ -2,6 +2,7 @@
 
 #include <dlfcn.h>
 
+#include <cstdio>
 #include <thread>
 
 #include "container/ContainerRegisterMessage.h"
@@ -16,6 +17,17 @@ public:
     HostModule() : Framework::Module("container_test_host") {}
 };
 }  // namespace
+
+std::string Shell(const std::string& command) {
+    std::string out;
+    FILE* pipe = popen(command.c_str(), "r");
+    if (pipe == nullptr) return out;
+    char buf[256];
+    while (fgets(buf, sizeof buf, pipe) != nullptr) out += buf;
+    if (pclose(pipe) != 0) return "";
+    while (!out.empty() && (out.back() == '\n' || out.back() == '\r')) out.pop_back();
+    return out;
+}
 
 bool WaitFor(const std::function<bool()>& condition, std::chrono::milliseconds timeout) {
     const auto deadline = std::chrono::steady_clock::now() + timeout;

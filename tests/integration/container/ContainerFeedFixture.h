@@ -16,6 +16,9 @@
 namespace Engine {
 namespace Testing {
 
+/// Runs a shell command; its standard output without the trailing newline, "" on failure.
+std::string Shell(const std::string& command);
+
 /// Polls `condition` until it holds or `timeout` passes; true when it held.
 bool WaitFor(const std::function<bool()>& condition,
              std::chrono::milliseconds timeout = std::chrono::seconds(20));

@@ -3,7 +3,6 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <cstdio>
 #include <string>
 #include <vector>
 
@@ -18,18 +17,6 @@ namespace {
 
 const char* const kSocket = "/var/run/docker.sock";
 const char* const kImage = "tarnwick/busybox:latest";
-
-// Runs a shell command; its standard output without the trailing newline, or "" on failure.
-std::string Shell(const std::string& command) {
-    std::string out;
-    FILE* pipe = popen(command.c_str(), "r");
-    if (pipe == nullptr) return out;
-    char buf[256];
-    while (fgets(buf, sizeof buf, pipe) != nullptr) out += buf;
-    if (pclose(pipe) != 0) return "";
-    while (!out.empty() && (out.back() == '\n' || out.back() == '\r')) out.pop_back();
-    return out;
-}
 
 bool IsDirectory(const std::string& path) {
     struct stat st {};

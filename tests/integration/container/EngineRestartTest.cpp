@@ -5,7 +5,6 @@
 #include <stdlib.h>
 #include <unistd.h>
 
-#include <cstdio>
 #include <string>
 #include <vector>
 
@@ -18,17 +17,6 @@ namespace Testing {
 namespace {
 
 const char* const kImage = "tarnwick/busybox:latest";
-
-std::string Shell(const std::string& command) {
-    std::string out;
-    FILE* pipe = popen(command.c_str(), "r");
-    if (pipe == nullptr) return out;
-    char buf[256];
-    while (fgets(buf, sizeof buf, pipe) != nullptr) out += buf;
-    if (pclose(pipe) != 0) return "";
-    while (!out.empty() && (out.back() == '\n' || out.back() == '\r')) out.pop_back();
-    return out;
-}
 
 class FeedAcrossEngineRestart : public ContainerFeedFixture {
 protected:
