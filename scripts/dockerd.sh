@@ -93,7 +93,8 @@ image() {
   fi
   local busybox=/bin/busybox
   [ -x "$busybox" ] || die "$busybox missing (apt-get install busybox-static)"
-  file -L "$busybox" 2>/dev/null | grep -q "statically linked" ||
+  # The image has no libc: only a static busybox runs in it.
+  ldd "$busybox" 2>&1 | grep -q "not a dynamic executable" ||
     die "$busybox is not statically linked (install busybox-static)"
   local root
   root=$(mktemp -d /tmp/tarnwick-busybox.XXXXXX)
