@@ -1,0 +1,71 @@
+#pragma once
+
+#include <atomic>
+#include <cstdint>
+#include <map>
+#include <memory>
+#include <set>
+#include <string>
+
+#include "container/ContainerEventMessage.h"
+#include "container/ContainerInfo.h"
+#include "container/ContainerRegisterMessage.h"
+#include "container/DockerApiClient.h"
+#include "container/DockerEventStream.h"
+#include "framework/Task.h"
+
+namespace Engine {
+
+/// "container_collect_task": tells subscribers which containers run. It follows the engine's
+/// start/die events (DockerEventStream thread), inspects each started container on its own
+/// thread and sends every subscriber a ContainerMessage per start and exit. A new subscriber
+/// gets a start for every container already running; after the engine comes back the task
+/// compares a fresh container list with what it announced and sends the difference.
+///
+/// All state below lives on the task thread (messages, resynchronisation); the stream thread
+/// only enqueues ContainerEventMessages and raises the resync flag.
+class ContainerCollectTask : public Framework::Task,
+                             public AbstructMessage<ContainerRegisterMessage>::Receiver,
+                             public AbstructMessage<ContainerEventMessage>::Receiver {
+public:
+    static constexpr const char* kTaskName = "container_collect_task";
+    static constexpr const char* kFeature = "container_collect";
+    static constexpr unsigned int kQueueCapacity = 4096;
+
+    ContainerCollectTask();
+
+    /// Reads "docker.socket" (default /var/run/docker.sock) and starts the event stream.
+    int Init() override;
+    /// Stops the event stream and joins its thread.
+    void UnInit() override;
+    int Run() override;
+
+    /// Adds or removes the sender as a subscriber; a new subscriber gets the replay.
+    int Receive(const ContainerRegisterMessage& msg) override;
+    /// A start or die from the engine.
+    int Receive(const ContainerEventMessage& msg) override;
+
+protected:
+    ~ContainerCollectTask() override;
+
+private:
+    void OnStreamConnected();
+    void OnStreamEvent(const ContainerEvent& event);
+    void HandleStart(const std::string& id);
+    void HandleDie(const std::string& id);
+    // Brings `running_` in line with the engine's list; false when the list was unavailable.
+    bool Resync();
+    // Inspects a container; false (logged, counted) when unavailable or malformed.
+    bool Inspect(const std::string& id, ContainerInfo& info);
+    void Announce(const std::shared_ptr<ContainerInfo>& info);
+    void SendTo(const std::string& subscriber, const std::shared_ptr<ContainerInfo>& info);
+
+    std::unique_ptr<DockerApiClient> api_;
+    std::unique_ptr<DockerEventStream> stream_;
+    std::atomic<bool> resyncRequested_{false};
+    uint64_t resyncRetryAtMs_ = 0;  // 0: no retry pending
+    std::set<std::string> subscribers_;                    // task names
+    std::map<std::string, ContainerInfo> running_;         // id -> what subscribers were told
+};
+
+}  // namespace Engine

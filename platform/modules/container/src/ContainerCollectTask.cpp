@@ -1,0 +1,229 @@
+#include "container/ContainerCollectTask.h"
+
+#include <chrono>
+#include <new>
+#include <vector>
+
+#include "container/ContainerMessage.h"
+#include "container/ContainerModule.h"
+#include "framework/Counters.h"
+#include "framework/RateLimiter.h"
+#include "sdk/ConfigUtils.h"
+#include "sdk/Log.h"
+
+namespace Engine {
+
+namespace {
+constexpr const char* kDefaultSocket = "/var/run/docker.sock";
+constexpr int kApiTimeoutMs = 5000;
+constexpr size_t kMaxInspectBytes = 4 * 1024 * 1024;
+constexpr size_t kMaxListBytes = 16 * 1024 * 1024;
+constexpr int kWaitMs = 100;
+constexpr int kBatch = 128;
+constexpr uint64_t kResyncRetryMs = 2000;
+constexpr uint64_t kWarnIntervalMs = 5000;
+
+Framework::RateLimiter gQueueFullWarn(kWarnIntervalMs);
+Framework::RateLimiter gInspectWarn(kWarnIntervalMs);
+
+uint64_t NowMs() {
+    return static_cast<uint64_t>(std::chrono::duration_cast<std::chrono::milliseconds>(
+                                     std::chrono::steady_clock::now().time_since_epoch())
+                                     .count());
+}
+
+Poco::Logger* Log() { return ContainerModule::GetLoggerPtr(); }
+}  // namespace
+
+ContainerCollectTask::ContainerCollectTask()
+    : Framework::Task(kTaskName, kFeature, Framework::TaskCondition::TASK_TYPE_MESSAGE,
+                      kQueueCapacity) {}
+
+ContainerCollectTask::~ContainerCollectTask() = default;
+
+int ContainerCollectTask::Init() {
+    const std::string socketPath = SDK::ConfigUtils::GetString("docker.socket", kDefaultSocket);
+    api_.reset(new DockerApiClient(socketPath, kApiTimeoutMs, kMaxInspectBytes));
+    DockerEventStream::Callbacks callbacks;
+    callbacks.onConnected = [this] { OnStreamConnected(); };
+    callbacks.onEvent = [this](const ContainerEvent& e) { OnStreamEvent(e); };
+    stream_.reset(new DockerEventStream(socketPath, std::move(callbacks)));
+    stream_->Start();
+    TW_LOG(Log(), PRIO_INFORMATION, "Docker monitor %s started on %s", name(), socketPath);
+    return Framework::Task::Init();
+}
+
+void ContainerCollectTask::UnInit() {
+    if (stream_) stream_->Stop();
+    stream_.reset();
+    TW_LOG(Log(), PRIO_INFORMATION, "Docker monitor %s stopped (%z containers known)", name(),
+           running_.size());
+    Framework::Task::UnInit();
+}
+
+int ContainerCollectTask::Run() {
+    while (!isCancelled()) {
+        if (GetEventWaiter().WaitAndHandleEvent(kWaitMs, kBatch) == -1) BulkConsumeMsg(kBatch);
+        if (isCancelled()) break;
+        const bool retryDue = resyncRetryAtMs_ != 0 && NowMs() >= resyncRetryAtMs_;
+        if (resyncRequested_.exchange(false) || retryDue) {
+            resyncRetryAtMs_ = Resync() ? 0 : NowMs() + kResyncRetryMs;
+        }
+    }
+    return 0;
+}
+
+// Stream thread: must not block.
+void ContainerCollectTask::OnStreamConnected() {
+    resyncRequested_ = true;
+    GetEventWaiter().Notify();
+}
+
+// Stream thread: must not block. A lost event is made good by a resynchronisation.
+void ContainerCollectTask::OnStreamEvent(const ContainerEvent& event) {
+    auto* raw = new (std::nothrow) ContainerEventMessage(event);
+    std::shared_ptr<Framework::Message> msg(raw);
+    if (raw != nullptr && EnqueueMsg(msg) == 1) return;
+    Framework::Counters::Instance().Add("container.events.dropped");
+    resyncRequested_ = true;
+    GetEventWaiter().Notify();
+    uint64_t suppressed = 0;
+    if (gQueueFullWarn.Allow(suppressed)) {
+        TW_LOG(Log(), PRIO_WARNING,
+               "Docker monitor queue full: event for %s dropped, will resynchronise (%lu more "
+               "not logged)",
+               event.id, static_cast<unsigned long>(suppressed));
+    }
+}
+
+int ContainerCollectTask::Receive(const ContainerRegisterMessage& msg) {
+    if (msg.task == nullptr) {
+        TW_LOG(Log(), PRIO_WARNING, "Docker monitor ignored a registration without a task");
+        return 0;
+    }
+    const std::string subscriber = msg.task->name();
+    if (!msg.subscribe) {
+        const bool had = subscribers_.erase(subscriber) != 0;
+        TW_LOG(Log(), PRIO_INFORMATION, "Docker monitor unsubscribed %s%s", subscriber,
+               std::string(had ? "" : " (was not subscribed)"));
+        return 0;
+    }
+    if (!subscribers_.insert(subscriber).second) {
+        TW_LOG(Log(), PRIO_DEBUG, "Docker monitor: %s is already subscribed", subscriber);
+        return 0;
+    }
+    TW_LOG(Log(), PRIO_INFORMATION, "Docker monitor subscribed %s (%z running containers)",
+           subscriber, running_.size());
+    if (msg.option) return 0;
+    for (const auto& entry : running_) {
+        SendTo(subscriber, std::make_shared<ContainerInfo>(entry.second));
+    }
+    return 0;
+}
+
+int ContainerCollectTask::Receive(const ContainerEventMessage& msg) {
+    // Events still queued at shutdown are dropped: nobody is left to hear of them.
+    if (isCancelled()) return 0;
+    if (msg.event.action == ContainerEvent::Action::kStart) {
+        HandleStart(msg.event.id);
+    } else {
+        HandleDie(msg.event.id);
+    }
+    return 0;
+}
+
+void ContainerCollectTask::HandleStart(const std::string& id) {
+    if (running_.count(id) != 0) {
+        TW_LOG(Log(), PRIO_DEBUG, "Docker monitor: start of %s already announced", id);
+        return;
+    }
+    ContainerInfo info;
+    if (!Inspect(id, info)) return;
+    if (!info.running) {
+        // Gone again before we looked: its die event follows and is ignored likewise.
+        TW_LOG(Log(), PRIO_DEBUG, "Docker monitor: %s no longer runs", id);
+        return;
+    }
+    running_[id] = info;
+    TW_LOG(Log(), PRIO_DEBUG, "Docker monitor: container %s (%s, image %s) started, root %s",
+           info.name, id, info.imageName, info.rootPath);
+    Announce(std::make_shared<ContainerInfo>(info));
+}
+
+void ContainerCollectTask::HandleDie(const std::string& id) {
+    auto it = running_.find(id);
+    if (it == running_.end()) {
+        TW_LOG(Log(), PRIO_DEBUG, "Docker monitor: exit of %s, never announced", id);
+        return;
+    }
+    auto info = std::make_shared<ContainerInfo>(it->second);
+    running_.erase(it);
+    info->running = false;
+    info->status = "exited";
+    TW_LOG(Log(), PRIO_DEBUG, "Docker monitor: container %s (%s) exited", info->name, id);
+    Announce(info);
+}
+
+bool ContainerCollectTask::Resync() {
+    DockerApiClient lister(api_->SocketPath(), kApiTimeoutMs, kMaxListBytes);
+    std::string body;
+    std::string error;
+    const int status = lister.Get("/containers/json", body, error);
+    std::vector<std::string> ids;
+    if (status != 200) {
+        if (status > 0) error = "HTTP " + std::to_string(status);
+        TW_LOG(Log(), PRIO_WARNING, "Docker monitor could not list containers: %s", error);
+        return false;
+    }
+    if (!ParseContainerList(body, ids, error)) {
+        Framework::Counters::Instance().Add("container.list.malformed");
+        TW_LOG(Log(), PRIO_ERROR, "Docker monitor dropped a malformed container list: %s",
+               error);
+        return false;
+    }
+    const std::set<std::string> listed(ids.begin(), ids.end());
+    std::vector<std::string> vanished;
+    for (const auto& entry : running_) {
+        if (listed.count(entry.first) == 0) vanished.push_back(entry.first);
+    }
+    for (const auto& id : vanished) HandleDie(id);
+    for (const auto& id : ids) HandleStart(id);
+    TW_LOG(Log(), PRIO_INFORMATION,
+           "Docker monitor resynchronised: %z running, %z exits for vanished containers",
+           running_.size(), vanished.size());
+    return true;
+}
+
+bool ContainerCollectTask::Inspect(const std::string& id, ContainerInfo& info) {
+    std::string body;
+    std::string error;
+    const int status = api_->Get("/containers/" + id + "/json", body, error);
+    if (status == 200 && ParseContainerInspect(body, info, error)) return true;
+    if (status == 200) {
+        Framework::Counters::Instance().Add("container.inspect.malformed");
+    } else {
+        Framework::Counters::Instance().Add("container.inspect.failed");
+        if (status > 0) error = "HTTP " + std::to_string(status);
+    }
+    uint64_t suppressed = 0;
+    if (gInspectWarn.Allow(suppressed)) {
+        TW_LOG(Log(), PRIO_WARNING,
+               "Docker monitor dropped container %s: inspect failed: %s (%lu more not logged)",
+               id, error, static_cast<unsigned long>(suppressed));
+    }
+    return false;
+}
+
+void ContainerCollectTask::Announce(const std::shared_ptr<ContainerInfo>& info) {
+    for (const auto& subscriber : subscribers_) SendTo(subscriber, info);
+}
+
+void ContainerCollectTask::SendTo(const std::string& subscriber,
+                                  const std::shared_ptr<ContainerInfo>& info) {
+    auto* msg = new (std::nothrow) ContainerMessage(info);
+    if (msg == nullptr) return;
+    msg->sender = this;
+    SendDirectMsg(subscriber, msg);
+}
+
+}  // namespace Engine
