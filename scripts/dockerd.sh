@@ -94,7 +94,10 @@ image() {
   local busybox=/bin/busybox
   [ -x "$busybox" ] || die "$busybox missing (apt-get install busybox-static)"
   # The image has no libc: only a static busybox runs in it.
-  ldd "$busybox" 2>&1 | grep -q "not a dynamic executable" ||
+  # ldd fails on a static binary, so its status says nothing under pipefail; read its words.
+  local linkage
+  linkage=$(ldd "$busybox" 2>&1 || true)
+  [[ "$linkage" == *"not a dynamic executable"* ]] ||
     die "$busybox is not statically linked (install busybox-static)"
   local root
   root=$(mktemp -d /tmp/tarnwick-busybox.XXXXXX)

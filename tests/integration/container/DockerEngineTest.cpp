@@ -43,9 +43,9 @@ protected:
     }
     // Starts a container that sleeps; its full id.
     std::string RunContainer(const std::string& name) {
-        const std::string id = Shell("docker run -d --name " + name + " " + kImage + " sleep 300");
-        if (!id.empty()) containers_.push_back(id);
-        return id;
+        // Removed by name: a run that fails half-way still leaves a created container.
+        containers_.push_back(name);
+        return Shell("docker run -d --name " + name + " " + kImage + " sleep 300");
     }
     std::string UniqueName(const std::string& what) {
         return "tarnwick-test-" + what + "-" + std::to_string(::getpid());
