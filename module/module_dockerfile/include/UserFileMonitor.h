@@ -1,0 +1,21 @@
+#pragma once
+
+#include <string>
+
+#include "DockerFileTask.h"
+#include "container/ContainerInfo.h"
+#include "filenotify/FileNotifyMessage.h"
+
+namespace Engine {
+
+/// One add-watch request to "filenotify_task" per protected file, carrying the cache index.
+void AddDockerUserFileMonitor(const DockerFileCacheInfo& info, DockerFileTask* task);
+/// One remove-watch request per protected file.
+void DeleteDockerUserFileMonitor(const DockerFileCacheInfo& info, DockerFileTask* task);
+/// A file-notify event: finds its container, classifies it and raises "dockerfile_001".
+void UserFileNotifyMessageProcess(FileNotifyMessage* msg, DockerFileTask* task);
+/// Builds the "dockerfile_001" alarm and sends it to "data_comm_report_task".
+void SendFileModificationMessage(const std::string& filePath, int operation,
+                                 const ContainerInfo& container, DockerFileTask* task);
+
+}  // namespace Engine
