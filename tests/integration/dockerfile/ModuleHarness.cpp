@@ -122,7 +122,9 @@ std::string LogCapture::Dump() const {
 
 LogCapture& Logs() {
     static LogCapture* capture = [] {
-        auto* channel = new LogCapture();  // the loggers share it for the life of the process
+        // The loggers share it for the life of the process; this reference is never dropped.
+        auto* channel = new LogCapture();
+        channel->duplicate();
         SDK::LoggerUtils::GetInstance()->Configure(channel, Poco::Message::PRIO_DEBUG);
         SDK::LoggerUtils::GetInstance()->GetModuleLogger("dockerfile_module", true);
         SDK::LoggerUtils::GetInstance()->GetModuleLogger("framework", true);
