@@ -17,8 +17,8 @@ const std::string kRoot = "/var/lib/docker/overlay2/abc/merged";
 class ContainerStartTest : public ModuleFixture {};
 
 TEST_F(ContainerStartTest, ProtectedStartRequestsOneWatchPerFileThenTheAuditRule) {
-    Policy(PolicyDocument({IdRule("sha256:aa", {"/etc/passwd", "/etc/shadow", "/usr/bin/x"},
-                                  true)}));
+    Policy(
+        PolicyDocument({IdRule("sha256:aa", {"/etc/passwd", "/etc/shadow", "/usr/bin/x"}, true)}));
     Sent().Clear();
     Logs().Clear();
     Notify(MakeContainer("c1", "web", "sha256:aa", "nginx:1", kRoot));
@@ -113,7 +113,8 @@ TEST_F(ContainerStartTest, UnprotectedImageSendsNothingAndExitWarns) {
 }
 
 TEST_F(ContainerStartTest, WatchedPathIsPlainConcatenationOfRootAndEntry) {
-    Policy(PolicyDocument({IdRule("sha256:aa", {"/etc/passwd", "etc/hosts", "/etc/passwd"}, true)}));
+    Policy(
+        PolicyDocument({IdRule("sha256:aa", {"/etc/passwd", "etc/hosts", "/etc/passwd"}, true)}));
     Sent().Clear();
     Notify(MakeContainer("c1", "web", "sha256:aa", "nginx:1", "/srv/c1/"));
     EXPECT_EQ((std::vector<std::string>{"/srv/c1//etc/passwd", "/srv/c1/etc/hosts",

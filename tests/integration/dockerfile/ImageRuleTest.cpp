@@ -24,10 +24,12 @@ protected:
 };
 
 TEST_F(ImageRuleTest, IdRuleWinsOverAMatchingNameRule) {
-    Policy(PolicyDocument({NameRule("nginx", {"/by-name"}, false, true), IdRule("sha256:aa", {"/by-id"})}));
+    Policy(PolicyDocument(
+        {NameRule("nginx", {"/by-name"}, false, true), IdRule("sha256:aa", {"/by-id"})}));
     EXPECT_EQ(std::vector<std::string>{"/by-id"}, FilesFor("sha256:aa", "nginx"));
     EXPECT_TRUE(AuditRules().empty()) << "the id rule's flag applies, not the name rule's";
-    EXPECT_EQ(1u, Logs().Exactly("Docker file match image by id: name(nginx), id(sha256:aa)").size());
+    EXPECT_EQ(1u,
+              Logs().Exactly("Docker file match image by id: name(nginx), id(sha256:aa)").size());
     EXPECT_TRUE(Logs().Containing("match image by full name").empty());
     // Another id with the same name falls through to the name rule.
     EXPECT_EQ(std::vector<std::string>{"/by-name"}, FilesFor("sha256:bb", "nginx"));
@@ -78,7 +80,8 @@ TEST_F(ImageRuleTest, FuzzyMatchIsAPlainCaseSensitiveSubstring) {
 }
 
 TEST_F(ImageRuleTest, FirstRuleForAnIdOrANameWins) {
-    Policy(PolicyDocument({IdRule("sha256:aa", {"/first"}, false), IdRule("sha256:aa", {"/second", "/x"}, true),
+    Policy(PolicyDocument({IdRule("sha256:aa", {"/first"}, false),
+                           IdRule("sha256:aa", {"/second", "/x"}, true),
                            NameRule("web", {"/fuzzy"}, true), NameRule("web", {"/exact"}, false)}));
     // Both id rules leave an insert line, the dropped one too.
     EXPECT_EQ(1u, Logs()
@@ -142,7 +145,9 @@ protected:
         for (int i = 0; i < n; ++i) files.push_back("/f" + std::to_string(i));
         return files;
     }
-    size_t LimitWarnings() { return Logs().Exactly("Docker monitor file conut reach limit.").size(); }
+    size_t LimitWarnings() {
+        return Logs().Exactly("Docker monitor file conut reach limit.").size();
+    }
 };
 
 TEST_F(FileLimitTest, TwentyFiveFilesYieldTheFirstTwentyAndOneWarning) {

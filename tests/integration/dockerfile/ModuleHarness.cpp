@@ -176,7 +176,9 @@ int RecordingTask::EnqueueMsg(std::shared_ptr<Framework::Message>& msg) {
     return 1;
 }
 
-std::string ModuleLibraryPath() { return std::string(TARNWICK_LIB_DIR) + "/libdockerfile_module.so"; }
+std::string ModuleLibraryPath() {
+    return std::string(TARNWICK_LIB_DIR) + "/libdockerfile_module.so";
+}
 
 namespace {
 const char* const kNeighbourNames[] = {kContainerTask, kFileNotifyTask, kAuditTask, kReportTask};

@@ -1,5 +1,7 @@
 #pragma once
 
+#include <Poco/Channel.h>
+#include <Poco/Message.h>
 #include <json/json.h>
 
 #include <chrono>
@@ -10,9 +12,6 @@
 #include <mutex>
 #include <string>
 #include <vector>
-
-#include <Poco/Channel.h>
-#include <Poco/Message.h>
 
 #include "container/ContainerInfo.h"
 #include "framework/Message.h"
@@ -65,8 +64,7 @@ public:
     /// Waits until a line with exactly this text exists; returns it (seq 0 when none came).
     LogLine WaitExact(const std::string& text, std::chrono::milliseconds timeout = kDeadline);
     /// Waits until a line containing `part` exists.
-    LogLine WaitContaining(const std::string& part,
-                           std::chrono::milliseconds timeout = kDeadline);
+    LogLine WaitContaining(const std::string& part, std::chrono::milliseconds timeout = kDeadline);
     /// All lines, one per row, for failure messages.
     std::string Dump() const;
 
@@ -104,8 +102,8 @@ public:
     template <class T>
     bool WaitCount(const std::string& task, size_t count,
                    std::chrono::milliseconds timeout = kDeadline) const {
-        return ChangeSignal::Instance().WaitFor(
-            [&] { return Of<T>(task).size() >= count; }, timeout);
+        return ChangeSignal::Instance().WaitFor([&] { return Of<T>(task).size() >= count; },
+                                                timeout);
     }
 
 private:

@@ -171,7 +171,8 @@ TEST_F(PolicyHookTest, StartBeforeAnyPolicyIsAnErrorAndProtectsNothing) {
     Policy(PolicyDocument({IdRule("sha256:1", {"/a"})}));
     ASSERT_TRUE(harness.Sync());
     EXPECT_TRUE(Sent().All().empty());
-    const size_t warningsBefore = Logs().Exactly("Docker file task do not find containre cache.").size();
+    const size_t warningsBefore =
+        Logs().Exactly("Docker file task do not find containre cache.").size();
     harness.SendContainer(MakeContainer("c1", "web", "sha256:1", "img:1", "/r", false));
     ASSERT_TRUE(harness.Sync());
     // One warning for the container, one for the sync marker.

@@ -11,7 +11,8 @@ namespace {
 class PolicyRobustnessTest : public ModuleFixture {
 protected:
     /// A container of `imageId` started now: the paths it got watches for (root "/w<n>").
-    std::vector<std::string> StartAndWatch(const std::string& imageId, const std::string& imageName = "") {
+    std::vector<std::string> StartAndWatch(const std::string& imageId,
+                                           const std::string& imageName = "") {
         Sent().Clear();
         const std::string id = "probe" + std::to_string(++probes_);
         harness.SendContainer(MakeContainer(id, id, imageId, imageName, "/w"));
@@ -67,8 +68,10 @@ TEST_F(PolicyRobustnessTest, ContentWithoutARulesArrayReplacesThePolicyWithAnEmp
         ASSERT_EQ(std::vector<std::string>{"/w/a"}, StartAndWatch("sha256:a"));
         Logs().Clear();
         Policy(R"({"feature_name":"f","hash":"h","policy_id":"p","content":)" + content + "}");
-        EXPECT_EQ(1u, Logs().Exactly("Docker file module parse policy: name(f),hash(h),id(p),enable(1)")
-                          .size())
+        EXPECT_EQ(1u,
+                  Logs()
+                      .Exactly("Docker file module parse policy: name(f),hash(h),id(p),enable(1)")
+                      .size())
             << Logs().Dump();
         EXPECT_TRUE(StartAndWatch("sha256:a").empty());
     }
@@ -108,7 +111,8 @@ TEST_F(PolicyRobustnessTest, MembersOfTheWrongTypeFallBackToTheirDefaults) {
     doc["content"]["rules"].append(rule);
     doc["content"]["rules"].append(bad);
     Policy(ToText(doc));
-    EXPECT_EQ(1u, Logs().Exactly("Docker file module parse policy: name(),hash(),id(),enable(1)").size())
+    EXPECT_EQ(
+        1u, Logs().Exactly("Docker file module parse policy: name(),hash(),id(),enable(1)").size())
         << Logs().Dump();
     EXPECT_EQ(1u, Logs()
                       .Exactly("Docker file module insert name rules list: name(web), "

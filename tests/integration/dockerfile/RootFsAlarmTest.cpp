@@ -2,9 +2,8 @@
 // for the container's root filesystem; only executables that are ELF files raise
 // "dockerfile_002".
 
-#include <gtest/gtest.h>
-
 #include <fcntl.h>
+#include <gtest/gtest.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -39,7 +38,12 @@ bool WriteFile(const std::string& path, const std::string& content, mode_t mode)
 
 /// An ELF header followed by zeros up to `size` bytes (sparse).
 bool WriteSizedElf(const std::string& path, off_t size) {
-    if (!WriteFile(path, std::string("\x7f" "ELF\x02\x01\x01", 7), 0755)) return false;
+    if (!WriteFile(path,
+                   std::string("\x7f"
+                               "ELF\x02\x01\x01",
+                               7),
+                   0755))
+        return false;
     return truncate(path.c_str(), size) == 0;
 }
 
@@ -104,10 +108,10 @@ TEST_F(RootFsAlarmTest, ExecutableWrittenIntoTheRootRaisesAFullAlarm) {
     ASSERT_TRUE(doc.isObject());
 
     const std::vector<std::string> keys = {
-        "attack_phase", "attack_tag", "confidence", "container_name", "detect_module",
-        "event_category", "event_classid", "event_count", "event_id", "event_name",
-        "event_type", "file_info", "image_name", "occur_time", "process_info",
-        "resource_info", "serverity", "type"};
+        "attack_phase",   "attack_tag",    "confidence",  "container_name", "detect_module",
+        "event_category", "event_classid", "event_count", "event_id",       "event_name",
+        "event_type",     "file_info",     "image_name",  "occur_time",     "process_info",
+        "resource_info",  "serverity",     "type"};
     EXPECT_EQ(keys, doc.getMemberNames());
     ASSERT_TRUE(doc["event_id"].isString());
     EXPECT_FALSE(doc["event_id"].asString().empty());
@@ -120,9 +124,8 @@ TEST_F(RootFsAlarmTest, ExecutableWrittenIntoTheRootRaisesAFullAlarm) {
     EXPECT_GE(doc["occur_time"].asInt64(), before);
     EXPECT_LE(doc["occur_time"].asInt64(), after);
     const std::pair<const char*, int> numbers[] = {
-        {"event_category", 3000}, {"event_type", 3021}, {"serverity", 2},
-        {"event_count", 1},       {"attack_phase", 4},  {"attack_tag", 4},
-        {"confidence", 60}};
+        {"event_category", 3000}, {"event_type", 3021}, {"serverity", 2},  {"event_count", 1},
+        {"attack_phase", 4},      {"attack_tag", 4},    {"confidence", 60}};
     for (const auto& n : numbers) {
         SCOPED_TRACE(n.first);
         ASSERT_TRUE(doc[n.first].isInt());
@@ -166,12 +169,15 @@ TEST_F(RootFsAlarmTest, ExecutableWrittenIntoTheRootRaisesAFullAlarm) {
     ASSERT_TRUE(proc["process_container_id"].isString());
     EXPECT_EQ("", proc["process_container_id"].asString()) << "the test runs on the host";
 
-    auto received = Logs().Exactly("Docker file rootFs receive audit message. write(1), attr(0), "
-                                   "file(" + Host("/usr/bin/tool") + ")");
+    auto received = Logs().Exactly(
+        "Docker file rootFs receive audit message. write(1), attr(0), "
+        "file(" +
+        Host("/usr/bin/tool") + ")");
     ASSERT_EQ(1u, received.size()) << Logs().Dump();
     EXPECT_EQ(Poco::Message::PRIO_DEBUG, received[0].priority);
-    auto sent = Logs().Exactly("Docker file send rootFs monitor alarm, container(box), "
-                               "image(busybox:1), file(/usr/bin/tool), event(2)");
+    auto sent = Logs().Exactly(
+        "Docker file send rootFs monitor alarm, container(box), "
+        "image(busybox:1), file(/usr/bin/tool), event(2)");
     ASSERT_EQ(1u, sent.size()) << Logs().Dump();
     EXPECT_EQ(Poco::Message::PRIO_INFORMATION, sent[0].priority);
     EXPECT_LT(sent[0].seq, Sent().To(kReportTask)[0].seq) << "logged before it is sent";
@@ -190,7 +196,8 @@ TEST_F(RootFsAlarmTest, AccessKindDecidesTheOperation) {
     harness.SendAuditEvent("cid:c-elf", {Host("/usr/bin/tool")}, false, false);
     ASSERT_TRUE(harness.Sync());
     EXPECT_EQ(2u, Alarms().size());
-    auto invalid = Logs().Exactly("Docker file audit receive invalid event. " + Host("/usr/bin/tool"));
+    auto invalid =
+        Logs().Exactly("Docker file audit receive invalid event. " + Host("/usr/bin/tool"));
     ASSERT_EQ(1u, invalid.size()) << Logs().Dump();
     EXPECT_EQ(Poco::Message::PRIO_WARNING, invalid[0].priority);
 }
@@ -209,8 +216,9 @@ TEST_F(RootFsAlarmTest, OwnerExecuteBitIsWhatCounts) {
         Write(path);
         ASSERT_TRUE(harness.Sync());
         EXPECT_EQ(1u, Alarms().size());
-        EXPECT_EQ(1u, Logs().Exactly("Docker file audit not file or not executable: " + path + " ")
-                          .size())
+        EXPECT_EQ(
+            1u,
+            Logs().Exactly("Docker file audit not file or not executable: " + path + " ").size())
             << Logs().Dump();
     }
 }
@@ -238,18 +246,28 @@ TEST_F(RootFsAlarmTest, ElfMagicNeedsSixReadableBytes) {
     ExpectDropped("Docker file audit file is not elf " + Host("/empty") + ".",
                   Poco::Message::PRIO_DEBUG);
 
-    ASSERT_TRUE(WriteFile(Host("/magic4"), "\x7f" "ELF", 0755));
+    ASSERT_TRUE(WriteFile(Host("/magic4"),
+                          "\x7f"
+                          "ELF",
+                          0755));
     Write(Host("/magic4"));
     ExpectDropped("Docker file audit file is not elf " + Host("/magic4") + ".",
                   Poco::Message::PRIO_DEBUG);
 
-    ASSERT_TRUE(WriteFile(Host("/magic5"), "\x7f" "ELFx", 0755));
+    ASSERT_TRUE(WriteFile(Host("/magic5"),
+                          "\x7f"
+                          "ELFx",
+                          0755));
     Write(Host("/magic5"));
     ExpectDropped("Docker file audit file is not elf " + Host("/magic5") + ".",
                   Poco::Message::PRIO_DEBUG);
 
     // Magic plus any two bytes is enough: class, type and machine are not looked at.
-    ASSERT_TRUE(WriteFile(Host("/magic6"), std::string("\x7f" "ELF\xff\x00", 6), 0755));
+    ASSERT_TRUE(WriteFile(Host("/magic6"),
+                          std::string("\x7f"
+                                      "ELF\xff\x00",
+                                      6),
+                          0755));
     Write(Host("/magic6"));
     Json::Value doc = WaitAlarm(1);
     EXPECT_EQ("/magic6", doc["file_info"][0]["file_path"].asString());
@@ -306,10 +324,11 @@ TEST_F(RootFsAlarmTest, PathLengthLimitIsFourThousandNinetySixCharacters) {
     Write(longest);
     Json::Value doc = WaitAlarm(1);
     EXPECT_EQ("/usr/bin/tool", doc["file_info"][0]["file_path"].asString());
-    EXPECT_EQ(1u, Logs()
-                      .Exactly("Docker file rootFs receive audit message. write(1), attr(0), file(" +
-                               longest + ")")
-                      .size())
+    EXPECT_EQ(1u,
+              Logs()
+                  .Exactly("Docker file rootFs receive audit message. write(1), attr(0), file(" +
+                           longest + ")")
+                  .size())
         << "the name is logged as received";
 
     const std::string tooLong = PaddedName(root.Path(), "/usr/bin/tool", 4097);
@@ -325,10 +344,11 @@ TEST_F(RootFsAlarmTest, SymbolicLinksAreJudgedByTheirTarget) {
     Write(Host("/usr/bin/alias"));
     Json::Value doc = WaitAlarm(1);
     EXPECT_EQ("/usr/bin/tool", doc["file_info"][0]["file_path"].asString());
-    EXPECT_EQ(1u, Logs()
-                      .Exactly("Docker file rootFs receive audit message. write(1), attr(0), file(" +
-                               Host("/usr/bin/alias") + ")")
-                      .size());
+    EXPECT_EQ(1u,
+              Logs()
+                  .Exactly("Docker file rootFs receive audit message. write(1), attr(0), file(" +
+                           Host("/usr/bin/alias") + ")")
+                  .size());
 
     ASSERT_TRUE(WriteFile(Host("/script"), "#!/bin/sh\n", 0755));
     ASSERT_EQ(0, symlink(Host("/script").c_str(), Host("/usr/bin/elf-looking").c_str()));

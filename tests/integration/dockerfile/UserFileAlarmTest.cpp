@@ -54,10 +54,10 @@ TEST_F(UserFileAlarmTest, AlarmDocumentCarriesEveryMemberWithItsTypeAndValue) {
     ASSERT_TRUE(doc.isObject());
 
     const std::vector<std::string> keys = {
-        "attack_phase", "attack_tag", "confidence", "container_name", "detect_module",
-        "event_category", "event_classid", "event_count", "event_id", "event_name",
-        "event_type", "file_info", "image_name", "occur_time", "resource_info", "serverity",
-        "type"};
+        "attack_phase",   "attack_tag",    "confidence",  "container_name", "detect_module",
+        "event_category", "event_classid", "event_count", "event_id",       "event_name",
+        "event_type",     "file_info",     "image_name",  "occur_time",     "resource_info",
+        "serverity",      "type"};
     EXPECT_EQ(keys, doc.getMemberNames());
 
     ASSERT_TRUE(doc["event_id"].isString());
@@ -71,9 +71,8 @@ TEST_F(UserFileAlarmTest, AlarmDocumentCarriesEveryMemberWithItsTypeAndValue) {
     EXPECT_GE(doc["occur_time"].asInt64(), before);
     EXPECT_LE(doc["occur_time"].asInt64(), after);
     const std::pair<const char*, int> numbers[] = {
-        {"event_category", 3000}, {"event_type", 3021}, {"serverity", 2},
-        {"event_count", 1},       {"attack_phase", 4},  {"attack_tag", 4},
-        {"confidence", 60}};
+        {"event_category", 3000}, {"event_type", 3021}, {"serverity", 2},  {"event_count", 1},
+        {"attack_phase", 4},      {"attack_tag", 4},    {"confidence", 60}};
     for (const auto& n : numbers) {
         SCOPED_TRACE(n.first);
         ASSERT_TRUE(doc[n.first].isInt());
@@ -139,9 +138,9 @@ TEST_P(MaskClassificationTest, FirstMatchingBitDecidesTheOperation) {
     Json::Value doc = WaitAlarm(1);
     EXPECT_EQ(c.operation, doc["file_info"][0]["file_operation"].asInt());
     EXPECT_EQ("/etc/shadow", doc["file_info"][0]["file_path"].asString());
-    auto line = Logs().Exactly(std::string("Docker file module receive ") + c.word +
-                               " message, FilePath=" + path +
-                               ", eventMask=" + std::to_string(c.mask));
+    auto line =
+        Logs().Exactly(std::string("Docker file module receive ") + c.word +
+                       " message, FilePath=" + path + ", eventMask=" + std::to_string(c.mask));
     ASSERT_EQ(1u, line.size()) << Logs().Dump();
     EXPECT_EQ(Poco::Message::PRIO_DEBUG, line[0].priority);
 }
@@ -210,7 +209,8 @@ TEST_F(UserFileAttributionTest, UnknownIndexIsWarnedTwiceAndDropped) {
     ExpectNoAlarm(path, 0x2, UINT64_MAX);
     EXPECT_EQ(1u, Logs()
                       .Exactly("Docker file not match cache index. index=18446744073709551615, "
-                               "path=" + path)
+                               "path=" +
+                               path)
                       .size());
 }
 
