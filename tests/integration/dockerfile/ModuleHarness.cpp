@@ -70,16 +70,19 @@ void LogCapture::Clear() {
 }
 
 std::vector<LogLine> LogCapture::Exactly(const std::string& text) const {
+    // Scanned under the lock: copying every line on each poll would be quadratic.
+    std::lock_guard<std::mutex> lock(mutex_);
     std::vector<LogLine> out;
-    for (const auto& l : Lines()) {
+    for (const auto& l : lines_) {
         if (l.text == text) out.push_back(l);
     }
     return out;
 }
 
 std::vector<LogLine> LogCapture::Containing(const std::string& part) const {
+    std::lock_guard<std::mutex> lock(mutex_);
     std::vector<LogLine> out;
-    for (const auto& l : Lines()) {
+    for (const auto& l : lines_) {
         if (l.text.find(part) != std::string::npos) out.push_back(l);
     }
     return out;
