@@ -2,6 +2,7 @@
 
 #include <atomic>
 #include <cstdint>
+#include <thread>
 #include <vector>
 
 #if defined(__x86_64__) || defined(__i386__)
@@ -76,7 +77,7 @@ public:
         }
         _EnqueueElements(head, elements, n);
         if (!singleProducer_) {
-            while (prodTail_.load(std::memory_order_acquire) != head) SpinPause();
+            WaitForTurn(prodTail_, head);
         }
         prodTail_.store(head + n, std::memory_order_release);
         return static_cast<int>(n);
@@ -114,7 +115,7 @@ public:
         }
         _DequeueElements(head, out, n);
         if (!singleConsumer_) {
-            while (consTail_.load(std::memory_order_acquire) != head) SpinPause();
+            WaitForTurn(consTail_, head);
         }
         consTail_.store(head + n, std::memory_order_release);
         return static_cast<int>(n);
@@ -167,6 +168,19 @@ private:
 #if defined(__x86_64__) || defined(__i386__)
         _mm_pause();
 #endif
+    }
+
+    // Waits until the earlier reservations of this side are published. Pauses on every look;
+    // after a long wait it also yields, because the thread we wait for may have been preempted
+    // between reserving and publishing, and on a machine with more threads than cores pure
+    // spinning would then burn whole time slices before it runs again.
+    static void WaitForTurn(const std::atomic<uint32_t>& tail, uint32_t head) {
+        constexpr uint32_t kSpinsBeforeYield = 1024;
+        uint32_t spins = 0;
+        while (tail.load(std::memory_order_acquire) != head) {
+            SpinPause();
+            if (++spins >= kSpinsBeforeYield) std::this_thread::yield();
+        }
     }
 
     // Copy loops unrolled by four: the common batch of a task's queue is a few dozen messages.
