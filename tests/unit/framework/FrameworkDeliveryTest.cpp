@@ -1,0 +1,175 @@
+// Message delivery between tasks on the real framework: ownership, losses, handler failures
+// and waking an idle task.
+#include <atomic>
+#include <chrono>
+#include <condition_variable>
+#include <mutex>
+#include <stdexcept>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include "framework/Counters.h"
+#include "framework/Module.h"
+#include "framework/Task.h"
+
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+// Counts live probes so that a test can tell whether the framework released a message.
+std::atomic<int> gLiveProbes{0};
+
+class Probe : public Framework::Message {
+public:
+    explicit Probe(int value, bool throws = false) : value(value), throws(throws) {
+        gLiveProbes.fetch_add(1);
+    }
+    ~Probe() override { gLiveProbes.fetch_sub(1); }
+    int MessageHandle(void* task) override;
+    const int value;
+    const bool throws;
+};
+
+// Records the probes it handles; its loop waits `waitMs` per turn, like a real task.
+class RecordingTask : public Framework::Task {
+public:
+    RecordingTask(const std::string& name, unsigned int capacity, int waitMs, bool consume = true)
+        : Framework::Task(name, "test_feature", Framework::TaskCondition::TASK_TYPE_MESSAGE,
+                          capacity),
+          waitMs_(waitMs),
+          consume_(consume) {}
+
+    int Run() override {
+        while (!isCancelled()) {
+            const int r = GetEventWaiter().WaitAndHandleEvent(waitMs_, 16);
+            if (r == -1 && consume_) BulkConsumeMsg(64);
+        }
+        return 0;
+    }
+    void Record(int value) {
+        {
+            std::lock_guard<std::mutex> lock(mutex_);
+            values_.push_back(value);
+        }
+        cv_.notify_all();
+    }
+    bool WaitForCount(size_t n, std::chrono::milliseconds within) {
+        std::unique_lock<std::mutex> lock(mutex_);
+        return cv_.wait_for(lock, within, [&] { return values_.size() >= n; });
+    }
+    std::vector<int> Values() {
+        std::lock_guard<std::mutex> lock(mutex_);
+        return values_;
+    }
+
+private:
+    int waitMs_;
+    bool consume_;
+    std::mutex mutex_;  // guards values_
+    std::condition_variable cv_;
+    std::vector<int> values_;
+};
+
+int Probe::MessageHandle(void* task) {
+    if (throws) throw std::runtime_error("handler failed");
+    static_cast<RecordingTask*>(static_cast<Framework::Task*>(task))->Record(value);
+    return 0;
+}
+
+class TestModule : public Framework::Module {
+public:
+    TestModule() : Framework::Module("framework_test_module") {}
+};
+
+class FrameworkDelivery : public ::testing::Test {
+protected:
+    void SetUp() override { module_ = new TestModule(); }
+    void TearDown() override {
+        for (const auto& name : registered_) module_->UnRegisterTask(name);
+        module_->release();
+    }
+    RecordingTask* Start(const std::string& name, unsigned int capacity, int waitMs,
+                         bool consume = true) {
+        auto* task = new RecordingTask(name, capacity, waitMs, consume);
+        EXPECT_EQ(module_->RegisterTask(task, false), 0);
+        registered_.push_back(name);
+        return task;
+    }
+    uint64_t Counter(const char* name) { return Framework::Counters::Instance().Value(name); }
+
+    TestModule* module_ = nullptr;
+    std::vector<std::string> registered_;
+};
+
+TEST_F(FrameworkDelivery, MessagesArriveInOrderFromAnotherTask) {
+    RecordingTask* sender = Start("fw_sender", 16, 50);
+    RecordingTask* receiver = Start("fw_receiver", 1024, 50);
+    for (int i = 0; i < 500; ++i) ASSERT_EQ(sender->SendDirectMsg("fw_receiver", new Probe(i)), 0);
+    ASSERT_TRUE(receiver->WaitForCount(500, std::chrono::seconds(10)));
+    const auto values = receiver->Values();
+    for (int i = 0; i < 500; ++i) ASSERT_EQ(values[i], i);
+}
+
+TEST_F(FrameworkDelivery, UnknownTaskIsCountedAndTheMessageReleased) {
+    RecordingTask* sender = Start("fw_lonely", 16, 50);
+    const int liveBefore = gLiveProbes.load();
+    const uint64_t before = Counter(Framework::CounterNames::kUnknownTask);
+    EXPECT_EQ(sender->SendDirectMsg("fw_nobody", new Probe(1)), -1);
+    EXPECT_EQ(Counter(Framework::CounterNames::kUnknownTask), before + 1);
+    EXPECT_EQ(gLiveProbes.load(), liveBefore) << "the undeliverable message leaked";
+}
+
+TEST_F(FrameworkDelivery, FullQueueIsCountedAndTheMessageReleased) {
+    RecordingTask* sender = Start("fw_flooder", 16, 50);
+    RecordingTask* stalled = Start("fw_stalled", 4, 50, /*consume=*/false);
+    const uint64_t before = Counter(Framework::CounterNames::kQueueFull);
+    for (int i = 0; i < 4; ++i) ASSERT_EQ(sender->SendDirectMsg("fw_stalled", new Probe(i)), 0);
+    const int liveBefore = gLiveProbes.load();
+    EXPECT_EQ(sender->SendDirectMsg("fw_stalled", new Probe(99)), -1);
+    EXPECT_EQ(Counter(Framework::CounterNames::kQueueFull), before + 1);
+    EXPECT_EQ(gLiveProbes.load(), liveBefore);
+    // What was queued is still handled when the task stops.
+    module_->UnRegisterTask("fw_stalled");
+    registered_.erase(registered_.begin() + 1);
+    (void)stalled;
+    EXPECT_EQ(gLiveProbes.load(), liveBefore - 4);
+}
+
+TEST_F(FrameworkDelivery, AThrowingHandlerIsCountedAndTheLoopGoesOn) {
+    RecordingTask* sender = Start("fw_thrower", 16, 50);
+    RecordingTask* receiver = Start("fw_catcher", 64, 50);
+    const uint64_t before = Counter(Framework::CounterNames::kHandlerException);
+    ASSERT_EQ(sender->SendDirectMsg("fw_catcher", new Probe(1, /*throws=*/true)), 0);
+    ASSERT_EQ(sender->SendDirectMsg("fw_catcher", new Probe(2)), 0);
+    ASSERT_TRUE(receiver->WaitForCount(1, std::chrono::seconds(10)));
+    EXPECT_EQ(receiver->Values(), std::vector<int>{2});
+    EXPECT_EQ(Counter(Framework::CounterNames::kHandlerException), before + 1);
+}
+
+TEST_F(FrameworkDelivery, AnIdleTaskIsWokenAtOnceNotAtItsTimeout) {
+    RecordingTask* sender = Start("fw_waker", 16, 50);
+    RecordingTask* sleeper = Start("fw_sleeper", 16, 10000);
+    // Let the sleeper settle into its 10 s wait first: the message must cut it short.
+    std::this_thread::sleep_for(std::chrono::milliseconds(100));
+    const auto sent = Clock::now();
+    ASSERT_EQ(sender->SendDirectMsg("fw_sleeper", new Probe(7)), 0);
+    ASSERT_TRUE(sleeper->WaitForCount(1, std::chrono::seconds(5)))
+        << "handled only at the wait's timeout";
+    EXPECT_LT(Clock::now() - sent, std::chrono::seconds(5));
+}
+
+TEST_F(FrameworkDelivery, ATaskStoppedRightAfterItsStartStopsPromptly) {
+    for (int i = 0; i < 20; ++i) {
+        const std::string name = "fw_brief" + std::to_string(i);
+        Start(name, 4, 10000);
+        const auto begin = Clock::now();
+        ASSERT_EQ(module_->UnRegisterTask(name), 0);
+        registered_.pop_back();
+        ASSERT_LT(Clock::now() - begin, std::chrono::seconds(5)) << "the stop was lost";
+    }
+}
+
+}  // namespace
