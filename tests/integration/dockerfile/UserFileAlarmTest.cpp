@@ -3,6 +3,7 @@
 
 #include <gtest/gtest.h>
 
+#include <cstdio>
 #include <ctime>
 
 #include "HarnessFixture.h"
@@ -157,7 +158,12 @@ INSTANTIATE_TEST_SUITE_P(
                       MaskCase{0x604, 3, "delete"}, MaskCase{0x4, 1, "change status"},
                       MaskCase{0x804, 1, "change status"}, MaskCase{0x800, 2, "other"},
                       MaskCase{0x8000, 2, "other"}, MaskCase{0x0, 2, "other"},
-                      MaskCase{0x1, 2, "other"}, MaskCase{0xFFFFFFFF, 0, "create"}));
+                      MaskCase{0x1, 2, "other"}, MaskCase{0xFFFFFFFF, 0, "create"}),
+    [](const ::testing::TestParamInfo<MaskCase>& info) {
+        char name[32];
+        snprintf(name, sizeof(name), "mask_%x", info.param.mask);
+        return std::string(name);
+    });
 
 class UserFileAttributionTest : public UserFileAlarmTest {};
 
