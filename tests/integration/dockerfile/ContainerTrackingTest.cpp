@@ -156,7 +156,7 @@ class ContainerCacheIndexTest : public ModuleFixture {
 protected:
     void SetUp() override {
         ModuleFixture::SetUp();
-        Policy(PolicyDocument({NameRule("app", {"/f"}, true)}));
+        Policy(PolicyDocument({NameRule("app", {"/f"}, true, true)}));
         Sent().Clear();
     }
     /// Extra parameter of the newest add-watch request.
@@ -206,7 +206,7 @@ TEST_F(ContainerCacheIndexTest, SecondStartOfACachedContainerIsRefusedWithoutUsi
 }
 
 TEST_F(ContainerCacheIndexTest, ExitWithdrawsWatchesThenAuditRuleThenForgetsWithTheCachedRecord) {
-    Policy(PolicyDocument({NameRule("app", {"/f", "/g"}, true)}));
+    Policy(PolicyDocument({NameRule("app", {"/f", "/g"}, true, true)}));
     Notify(MakeContainer("a", "web", "", "myapp", "/ra"));
     Framework::Task* task = harness.ModuleTask();
     Sent().Clear();
@@ -260,7 +260,7 @@ TEST_F(ContainerCacheIndexTest, ExitWithdrawsWatchesThenAuditRuleThenForgetsWith
 
 TEST_F(ContainerCacheIndexTest, PolicyChangesDoNotReachCachedContainers) {
     Notify(MakeContainer("a", "a", "", "myapp", "/ra"));
-    Policy(PolicyDocument({NameRule("app", {"/new"}, false)}));
+    Policy(PolicyDocument({NameRule("app", {"/new"}, true, false)}));
     Sent().Clear();
     Notify(MakeContainer("a", "a", "", "myapp", "/ra", false));
     EXPECT_EQ(std::vector<std::string>{"/ra/f"}, WatchedPaths());

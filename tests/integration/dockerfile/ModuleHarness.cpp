@@ -299,7 +299,16 @@ void ModuleHarness::SendAuditEvent(const std::string& key, const std::vector<std
 bool ModuleHarness::Sync() {
     const std::string marker = "harness-sync-" + std::to_string(++syncCounter_);
     SendContainer(MakeContainer(marker, marker, "", "", "/nonexistent", false));
-    return Logs().WaitContaining(marker).seq != 0;
+    const LogLine received = Logs().WaitContaining(marker);
+    if (received.seq == 0) return false;
+    // The marker's warning is the last thing its handling does; wait for it too, so that the
+    // marker's own log lines are complete when this returns.
+    return ChangeSignal::Instance().WaitFor([&] {
+        for (const auto& l : Logs().Exactly("Docker file task do not find containre cache.")) {
+            if (l.seq > received.seq) return true;
+        }
+        return false;
+    });
 }
 
 Engine::ContainerInfo MakeContainer(const std::string& id, const std::string& name,

@@ -167,7 +167,8 @@ public:
                         bool attr, const std::string& pid = "", const std::string& ppid = "",
                         const std::string& processName = "");
     /// Returns once the module's task handled everything sent to it before this call: an exit
-    /// notification for a never-seen container serves as a marker whose log line is awaited.
+    /// notification for a never-seen container serves as a marker; its receive line and the
+    /// warning that follows it are awaited.
     bool Sync();
 
 private:
