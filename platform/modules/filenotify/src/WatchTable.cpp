@@ -211,12 +211,13 @@ void WatchTable::HandleRecords(const std::vector<InotifyRecord>& records,
             const bool asAnchor = node.anchorWd == r.wd;
             if (asSelf) {
                 auto self = deletedSelf.find(r.wd);
-                bool follows = self != deletedSelf.end() && self->second > i;
+                Ahead ahead;
+                ahead.selfDeletion = self != deletedSelf.end() && self->second > i;
                 if (node.anchorIsParent && !node.components.empty()) {
                     auto child = deletedChild.find({node.anchorWd, node.components.back()});
-                    follows = follows || (child != deletedChild.end() && child->second > i);
+                    ahead.parentDeletion = child != deletedChild.end() && child->second > i;
                 }
-                HandleSelfEvent(node, r, follows, out);
+                HandleSelfEvent(node, r, ahead, out);
             }
             if (asAnchor && node.anchorWd == r.wd) HandleAnchorEvent(node, r, out);
         }
@@ -250,7 +251,9 @@ void WatchTable::HandleAnchorEvent(Node& node, const InotifyRecord& record,
     }
     if (record.name != node.anchorName || (record.mask & kDirectoryChanges) == 0) return;
     if (node.anchorIsParent) {
-        Deliver(node, "", record.mask, out);
+        const bool reported = node.deletionReported && (record.mask & IN_DELETE) != 0;
+        node.deletionReported = false;
+        if (!reported) Deliver(node, "", record.mask, out);
         Rearm(node);
         return;
     }
@@ -261,21 +264,31 @@ void WatchTable::HandleAnchorEvent(Node& node, const InotifyRecord& record,
     }
 }
 
-void WatchTable::HandleSelfEvent(Node& node, const InotifyRecord& record, bool deletionFollows,
+void WatchTable::HandleSelfEvent(Node& node, const InotifyRecord& record, const Ahead& ahead,
                                  std::vector<WatchNotification>& out) {
     if (!record.name.empty()) {
         Deliver(node, record.name, record.mask, out);
         return;
     }
-    if ((record.mask & (IN_DELETE_SELF | IN_MOVE_SELF)) != 0) {
-        // Normally the directory reported this first and the watch was released already; here
-        // it was not (no directory watch), so the file's own word is all there is.
+    if ((record.mask & IN_DELETE_SELF) != 0) {
+        // Kernels differ in whether the file's or the directory's word on an unlink comes
+        // first. A deletion is reported once, as IN_DELETE: by the directory's event when it is
+        // in this read, else here, and then the directory's late one is not reported again.
+        if (ahead.parentDeletion) return;
+        Deliver(node, "", (record.mask & ~IN_DELETE_SELF) | IN_DELETE, out);
+        node.deletionReported = node.anchorIsParent;
+        Rearm(node);
+        return;
+    }
+    if ((record.mask & IN_MOVE_SELF) != 0) {
+        // The directory reports a move before the file does and that released this watch; so
+        // here there was no directory watch and the file's own word is all there is.
         Deliver(node, "", record.mask, out);
         Rearm(node);
         return;
     }
     if ((record.mask & IN_UNMOUNT) != 0) return;  // IN_IGNORED follows and re-arms
-    if ((record.mask & IN_ATTRIB) != 0 && deletionFollows) return;
+    if ((record.mask & IN_ATTRIB) != 0 && (ahead.selfDeletion || ahead.parentDeletion)) return;
     Deliver(node, "", record.mask, out);
 }
 

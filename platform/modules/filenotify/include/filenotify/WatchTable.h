@@ -29,10 +29,10 @@ struct WatchNotification {
 /// exists, one on P itself. Whatever appears at P (created, renamed onto it, its directory
 /// made) gets the file watch; whatever leaves it (deleted, moved away, replaced) releases it.
 ///
-/// One user operation is reported once: a deletion is the parent's IN_DELETE (the file's later
-/// IN_DELETE_SELF is not reported, nor the link-count IN_ATTRIB the kernel sends just before it
-/// in the same read), a move away is the parent's IN_MOVED_FROM (not IN_MOVE_SELF), a
-/// replacement by rename is the parent's IN_MOVED_TO; all carry P as their path.
+/// One user operation is reported once: a deletion is one IN_DELETE (from the directory's or
+/// the file's event, whichever the kernel queues first; nor is the link-count IN_ATTRIB that
+/// precedes it in the same read reported), a move away is the parent's IN_MOVED_FROM (not
+/// IN_MOVE_SELF), a replacement by rename is the parent's IN_MOVED_TO; all carry P as path.
 ///
 /// Not thread-safe: one thread (the task's) calls everything. Memory is bounded by kMaxPaths
 /// paths of at most kMaxRequestersPerPath requesters.
@@ -85,6 +85,11 @@ private:
         int anchorWd = -1;            // watch on the nearest existing directory on the way
         std::string anchorName;       // the component inside the anchor that leads to path
         bool anchorIsParent = false;  // the anchor is path's own directory
+        bool deletionReported = false;  // by the file's event; the directory's is still due
+    };
+    struct Ahead {  // what comes later in the same read for a file's watch
+        bool selfDeletion = false;
+        bool parentDeletion = false;
     };
     struct Arming {
         bool before = false;  // path was watched as a file before
@@ -99,7 +104,7 @@ private:
     void DropKernelWatch(int wd, std::vector<WatchNotification>& out);
     void HandleAnchorEvent(Node& node, const InotifyRecord& record,
                            std::vector<WatchNotification>& out);
-    void HandleSelfEvent(Node& node, const InotifyRecord& record, bool deletionFollows,
+    void HandleSelfEvent(Node& node, const InotifyRecord& record, const Ahead& ahead,
                          std::vector<WatchNotification>& out);
     void Deliver(const Node& node, const std::string& child, uint32_t mask,
                  std::vector<WatchNotification>& out) const;
