@@ -4,6 +4,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <chrono>
 #include <cstdlib>
 #include <string>
@@ -102,6 +103,69 @@ TEST_F(WatchTableTest, OptionsFilterChildEventsOfAWatchedDirectory) {
     ASSERT_EQ(out.size(), 1u);
     EXPECT_EQ(out[0].path, dir_ + "/wanted");
     EXPECT_EQ(out[0].watchPath, dir_);
+}
+
+// A deletion's records may be split over two reads and come in either order; it is
+// reported once, as IN_DELETE, either way. The records are the kernel's own, replayed.
+class WatchTableDeletionTest : public WatchTableTest {
+protected:
+    std::vector<InotifyRecord> DeleteAndCollect(const std::string& file) {
+        Touch(file);
+        EXPECT_TRUE(table_.Add(file, "r", kAll, options_));
+        EXPECT_EQ(::unlink(file.c_str()), 0);
+        std::vector<InotifyRecord> records;
+        const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
+        while (!HasParentDelete(records) && std::chrono::steady_clock::now() < deadline) {
+            struct pollfd p = {table_.Fd(), POLLIN, 0};
+            if (::poll(&p, 1, 100) <= 0) continue;
+            char buffer[4096];
+            const ssize_t n = ::read(table_.Fd(), buffer, sizeof(buffer));
+            if (n <= 0) continue;
+            for (auto& r : Engine::DecodeInotifyEvents(buffer, static_cast<std::size_t>(n))) {
+                records.push_back(r);
+            }
+        }
+        return records;
+    }
+    static bool HasParentDelete(const std::vector<InotifyRecord>& records) {
+        for (const auto& r : records) {
+            if ((r.mask & IN_DELETE) != 0) return true;
+        }
+        return false;
+    }
+    // Feeds the records one read at a time, in the given order.
+    std::vector<WatchNotification> Replay(const std::vector<InotifyRecord>& records) {
+        std::vector<WatchNotification> out;
+        for (const auto& r : records) table_.HandleRecords({r}, out);
+        return out;
+    }
+};
+
+TEST_F(WatchTableDeletionTest, SplitReadsInKernelOrderReportOneDelete) {
+    const std::string file = dir_ + "/f";
+    const auto records = DeleteAndCollect(file);
+    ASSERT_TRUE(HasParentDelete(records));
+    const auto out = Replay(records);
+    ASSERT_EQ(out.size(), 2u);  // the link-count change cannot be told apart in its own read
+    EXPECT_EQ(out[0].mask, static_cast<uint32_t>(IN_ATTRIB));
+    EXPECT_EQ(out[1].mask, static_cast<uint32_t>(IN_DELETE));
+    EXPECT_EQ(out[1].path, file);
+}
+
+TEST_F(WatchTableDeletionTest, DirectoryFirstThenFileReportsOneDelete) {
+    const std::string file = dir_ + "/f";
+    auto records = DeleteAndCollect(file);
+    std::stable_partition(records.begin(), records.end(),
+                          [](const InotifyRecord& r) { return (r.mask & IN_DELETE) != 0; });
+    std::vector<WatchNotification> out;
+    table_.HandleRecords(records, out);
+    ASSERT_EQ(out.size(), 1u);
+    EXPECT_EQ(out[0].mask, static_cast<uint32_t>(IN_DELETE));
+    // Re-armed: the next file at the path is reported as created.
+    Touch(file);
+    const auto created = ReadUntil(1);
+    ASSERT_EQ(created.size(), 1u);
+    EXPECT_EQ(created[0].mask, static_cast<uint32_t>(IN_CREATE));
 }
 
 class WatchTableOverflowTest : public WatchTableTest {};
