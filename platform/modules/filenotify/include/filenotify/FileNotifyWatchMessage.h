@@ -20,6 +20,9 @@ public:
     ~FileNotifyWatchMessage() override;
 
     std::string path;
+    /// The sender's task name, taken when the request is built: the sender may be gone by the
+    /// time the request is handled, so `sender` must not be followed then.
+    std::string requester;
     std::vector<unsigned int> masks;
     _FileNotifyOpt options;
     bool add = true;
