@@ -52,8 +52,9 @@ agent_stop() {
 }
 
 # audit_rule_present CID: the agent's audit watch for that container is in the kernel.
-audit_rule_present() { auditctl -l 2>/dev/null | grep -q "key=cid:$1"; }
-audit_cid_rules() { auditctl -l 2>/dev/null | grep -c "key=cid:" || true; }
+# auditctl lists a watch as "-w PATH -p wa -k KEY" (a syscall rule would show "key=KEY").
+audit_rule_present() { auditctl -l 2>/dev/null | grep -Eq "(-k |key=)cid:$1( |$)"; }
+audit_cid_rules() { auditctl -l 2>/dev/null | grep -Ec "(-k |key=)cid:" || true; }
 
 # alarms_matching FILE JQ-FILTER: number of alarm lines for which the filter is true.
 alarms_matching() { jq -c "select($2)" "$1" 2>/dev/null | wc -l; }
@@ -74,6 +75,7 @@ alarm_summary() {
 write_policy() {
   local dir=$1 image=$2 elf=$3; shift 3
   local files
+  mkdir -p "$dir"
   files=$(printf '%s\n' "$@" | jq -R . | jq -s -c .)
   cat > "$dir/10001.json.tmp" <<JSON
 {"feature_name":"dockerfile_feature","policy_id":"e2e","hash":"$RANDOM","enabled":true,

@@ -53,7 +53,9 @@ inotify_watches() {  # number of inotify watches the agent process holds
   local pid=$1 total=0 fd
   for fd in /proc/"$pid"/fd/*; do
     [ "$(readlink "$fd" 2>/dev/null)" = "anon_inode:inotify" ] || continue
-    total=$((total + $(grep -c '^inotify' /proc/"$pid"/fdinfo/"${fd##*/}" 2>/dev/null || echo 0)))
+    local n
+    n=$(grep -c '^inotify' /proc/"$pid"/fdinfo/"${fd##*/}" 2>/dev/null) || true  # 1 on none
+    total=$((total + ${n:-0}))
   done
   echo "$total"
 }
@@ -123,12 +125,12 @@ case_elf_dropped() {
   # that the agent has seen past them.
   cexec "$c" 'printf "#!/bin/sh\necho hi\n" > /usr/bin/e2e-script; chmod 755 /usr/bin/e2e-script'
   cexec "$c" 'echo data > /usr/bin/e2e-data'
-  cexec "$c" 'cat /bin/busybox > /usr/lib/e2e-lib'
+  cexec "$c" 'cat /bin/busybox > /usr/bin/e2e-lib'
   cexec "$c" 'cp /bin/busybox /usr/bin/e2e-sentinel'
   expect_alarm "sentinel ELF" '.file_info[0].file_path == "/usr/bin/e2e-sentinel"' 30
   expect_none "script" '.file_info[0].file_path == "/usr/bin/e2e-script"'
   expect_none "data file" '.file_info[0].file_path == "/usr/bin/e2e-data"'
-  expect_none "non-executable ELF" '.file_info[0].file_path == "/usr/lib/e2e-lib"'
+  expect_none "non-executable ELF" '.file_info[0].file_path == "/usr/bin/e2e-lib"'
 }
 
 case_unprotected_image() {
