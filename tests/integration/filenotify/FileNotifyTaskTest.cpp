@@ -197,7 +197,9 @@ protected:
 // Exactly the expected (path, mask) sequence, nothing more, once everything was delivered.
 void ExpectEvents(const std::vector<Event>& events,
                   const std::vector<std::pair<std::string, uint32_t>>& expected) {
-    ASSERT_EQ(events.size(), expected.size());
+    std::string seen;
+    for (const auto& e : events) seen += " (" + e.path + " " + std::to_string(e.mask) + ")";
+    ASSERT_EQ(events.size(), expected.size()) << "events:" << seen;
     for (std::size_t i = 0; i < expected.size(); ++i) {
         EXPECT_EQ(events[i].path, expected[i].first) << "event " << i;
         EXPECT_EQ(events[i].mask, expected[i].second) << "event " << i;
