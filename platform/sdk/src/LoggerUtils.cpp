@@ -23,7 +23,9 @@ LoggerUtils* LoggerUtils::GetInstance() {
 
 void LoggerUtils::Configure(Poco::Channel* channel, int level) {
     std::lock_guard<std::mutex> lock(gLoggerMutex);
-    // Poco's setChannel/setLevel on "" reach every logger in the hierarchy.
+    // Poco's setChannel/setLevel on "" reach only loggers that exist already: the root logger
+    // must be one of them, or loggers made later inherit no channel from it.
+    Poco::Logger::root();
     Poco::Logger::setChannel("", channel);
     Poco::Logger::setLevel("", level);
     configured_ = true;
