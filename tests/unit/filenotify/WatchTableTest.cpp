@@ -80,31 +80,6 @@ TEST_F(WatchTableTest, RemovingTheLastRequesterReleasesEveryKernelWatch) {
     EXPECT_EQ(table_.KernelWatchCount(), 0u);
 }
 
-TEST_F(WatchTableTest, RequesterAskingOnlyForSelfEventsHearsOfDeletionAndMove) {
-    const std::string file = dir_ + "/f";
-    Touch(file);
-    ASSERT_TRUE(table_.Add(file, "r", IN_DELETE_SELF | IN_MOVE_SELF, options_));
-    ASSERT_EQ(::rename(file.c_str(), (dir_ + "/g").c_str()), 0);
-    Touch(file);
-    ASSERT_EQ(::unlink(file.c_str()), 0);
-    const auto out = ReadUntil(2);
-    ASSERT_EQ(out.size(), 2u);
-    EXPECT_EQ(out[0].mask, static_cast<uint32_t>(IN_MOVE_SELF));
-    EXPECT_EQ(out[1].mask, static_cast<uint32_t>(IN_DELETE_SELF));
-    EXPECT_EQ(out[1].path, file);
-}
-
-TEST_F(WatchTableTest, OptionsFilterChildEventsOfAWatchedDirectory) {
-    options_.excludeNames = {"noisy"};
-    ASSERT_TRUE(table_.Add(dir_, "r", IN_CREATE, options_));
-    Touch(dir_ + "/noisy");
-    Touch(dir_ + "/wanted");
-    const auto out = ReadUntil(1);
-    ASSERT_EQ(out.size(), 1u);
-    EXPECT_EQ(out[0].path, dir_ + "/wanted");
-    EXPECT_EQ(out[0].watchPath, dir_);
-}
-
 // A deletion's records may be split over two reads and come in either order; it is
 // reported once, as IN_DELETE, either way. The records are the kernel's own, replayed.
 class WatchTableDeletionTest : public WatchTableTest {

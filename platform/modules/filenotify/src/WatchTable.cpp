@@ -2,6 +2,7 @@
 
 #include <errno.h>
 #include <sys/inotify.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -17,7 +18,8 @@ namespace Engine {
 
 namespace {
 constexpr std::size_t kBufferSize = 64 * 1024;
-constexpr int kMaxReadsPerCall = 8;  // leaves the task time for its message queue in a flood
+constexpr int kMaxReadsPerCall = 8;
+constexpr int kMaxResolveAttempts = 16;  // bounds the walk down directories being made  // leaves the task time for its message queue in a flood
 constexpr uint64_t kWarnIntervalMs = 10000;
 constexpr uint32_t kDirectoryChanges = IN_CREATE | IN_MOVED_TO | IN_DELETE | IN_MOVED_FROM;
 constexpr uint32_t kAnchorMask = kDirectoryChanges | IN_DELETE_SELF | IN_MOVE_SELF | IN_ONLYDIR;
@@ -281,10 +283,11 @@ void WatchTable::HandleSelfEvent(Node& node, const InotifyRecord& record, const 
         return;
     }
     if ((record.mask & IN_MOVE_SELF) != 0) {
-        // The directory reports a move before the file does and that released this watch; so
-        // here there was no directory watch and the file's own word is all there is.
-        Deliver(node, "", record.mask, out);
-        Rearm(node);
+        // A move away from the path came from the directory first and released this watch. A
+        // file renamed onto the path can be armed between the directory's event and its own:
+        // it is still at the path, and nothing is reported.
+        const Arming a = Rearm(node);
+        if (!a.after || a.replaced) Deliver(node, "", record.mask, out);
         return;
     }
     if ((record.mask & IN_UNMOUNT) != 0) return;  // IN_IGNORED follows and re-arms
@@ -332,14 +335,26 @@ WatchTable::Arming WatchTable::Rearm(Node& node) {
     const std::size_t n = node.components.size();
     // New watches are taken before the old ones are let go, so that a watch kept on the same
     // file or directory is never dropped in between (its queued events stay valid).
-    for (std::size_t k = n; k-- > 0;) {
-        const std::string dir = JoinFirst(node.components, k);
-        anchor = Acquire(dir, kAnchorMask, node.path);
-        if (anchor < 0) continue;
-        anchorDir = dir;
-        anchorName = node.components[k];
-        isParent = k + 1 == n;
-        break;
+    for (int attempt = 0; attempt < kMaxResolveAttempts; ++attempt) {
+        std::size_t level = 0;
+        for (std::size_t k = n; k-- > 0;) {
+            const std::string dir = JoinFirst(node.components, k);
+            anchor = Acquire(dir, kAnchorMask, node.path);
+            if (anchor < 0) continue;
+            anchorDir = dir;
+            anchorName = node.components[k];
+            isParent = k + 1 == n;
+            level = k;
+            break;
+        }
+        // A directory on the way made before the anchor's watch was in place raised no event
+        // we could see: look again from further down while one turns up.
+        if (anchor < 0 || isParent || attempt + 1 == kMaxResolveAttempts) break;
+        struct stat st;
+        const std::string next = JoinFirst(node.components, level + 1);
+        if (stat(next.c_str(), &st) != 0 || !S_ISDIR(st.st_mode)) break;
+        Release(anchor, node.path);
+        anchor = -1;
     }
     if (isParent || n == 0) self = Acquire(node.path, SelfMask(node), node.path);
     node.selfWd = self < 0 ? -1 : self;
