@@ -17,6 +17,9 @@ BUILD_DIR=build-release BUILD_TYPE=Release bash scripts/build.sh -DTARNWICK_TEST
 cmake --install build-release >/dev/null
 
 step "Starting the Docker engine and importing the busybox image"
+# An engine that already runs belongs to someone else: the demo leaves it running afterwards.
+engine_was_running=0
+bash scripts/dockerd.sh status && engine_was_running=1
 bash scripts/dockerd.sh start
 bash scripts/dockerd.sh image
 
@@ -26,7 +29,7 @@ CONTAINER=tarnwick-demo-$$
 cleanup() {
   docker rm -f "$CONTAINER" >/dev/null 2>&1 || true
   agent_stop
-  bash scripts/dockerd.sh stop >/dev/null 2>&1 || true
+  [ "$engine_was_running" -eq 1 ] || bash scripts/dockerd.sh stop >/dev/null 2>&1 || true
   if [ "${missing:-0}" -eq 0 ]; then rm -rf "$WORK"; else echo "kept $WORK for inspection" >&2; fi
 }
 trap cleanup EXIT
