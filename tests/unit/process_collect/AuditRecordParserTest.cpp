@@ -83,7 +83,11 @@ INSTANTIATE_TEST_SUITE_P(
                       Malformed{"audit(1.1:): pid=1"},
                       Malformed{"audit(1.1:99999999999999999999): pid=1"},
                       Malformed{"audit(1.1:2): =5"}, Malformed{"audit(1.1:2): comm=\"unterminated"},
-                      Malformed{"audit(1.1:2): msg='open"}));
+                      Malformed{"audit(1.1:2): msg='open"}),
+    // Stable names: the default prints the parameter's bytes, a pointer that changes per build.
+    [](const ::testing::TestParamInfo<Malformed>& info) {
+        return "Case" + std::to_string(info.index);
+    });
 
 TEST(AuditRecordLimits, OversizedAndEmbeddedNulAreRejected) {
     AuditRecord record;
