@@ -1,0 +1,159 @@
+// The utility library against real files and the real /proc.
+#include <fcntl.h>
+#include <limits.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <fstream>
+#include <string>
+
+#include <gtest/gtest.h>
+#include <json/json.h>
+
+#include "sdk/CryptoCodeUtils.h"
+#include "sdk/FileUtils.h"
+#include "sdk/InnerCpuCtrlUtils.h"
+#include "sdk/JsonUtils.h"
+#include "sdk/LoggerUtils.h"
+#include "sdk/PathUtils.h"
+#include "sdk/ProcessUtils.h"
+
+namespace {
+
+class TempDir {
+public:
+    TempDir() {
+        char templ[] = "/tmp/tarnwick-sdk-XXXXXX";
+        path_ = ::mkdtemp(templ);
+    }
+    ~TempDir() { std::system(("rm -rf '" + path_ + "'").c_str()); }
+    std::string File(const std::string& name, const std::string& content) const {
+        const std::string path = path_ + "/" + name;
+        std::ofstream(path, std::ios::binary) << content;
+        return path;
+    }
+    const std::string& Path() const { return path_; }
+
+private:
+    std::string path_;
+};
+
+std::string Shell(const std::string& command) {
+    std::string out;
+    FILE* p = ::popen(command.c_str(), "r");
+    char buf[256];
+    while (p != nullptr && std::fgets(buf, sizeof(buf), p) != nullptr) out += buf;
+    if (p != nullptr) ::pclose(p);
+    return out;
+}
+
+TEST(FileSha256, KnownDigestsAndTheSizeLimit) {
+    TempDir dir;
+    std::string digest;
+    ASSERT_TRUE(SDK::FileUtils::GetFileSha256(dir.File("empty", ""), digest, 100));
+    EXPECT_EQ(digest, "e3b0c44298fc1c149afbf4c8996fb92427ae41e4649b934ca495991b7852b855");
+    ASSERT_TRUE(SDK::FileUtils::GetFileSha256(dir.File("abc", "abc"), digest, 100));
+    EXPECT_EQ(digest, "ba7816bf8f01cfea414140de5dae2223b00361a396177a9cb410ff61f20015ad");
+    std::string over;
+    EXPECT_FALSE(SDK::FileUtils::GetFileSha256(dir.File("big", std::string(101, 'x')), over, 100));
+    EXPECT_TRUE(over.empty());
+}
+
+TEST(FileSha256, TenMebibytesMatchTheSystemTool) {
+    TempDir dir;
+    const std::string path = dir.File("ten", std::string(10 << 20, '\x5a'));
+    std::string digest;
+    ASSERT_TRUE(SDK::FileUtils::GetFileSha256(path, digest, 10 << 20));
+    EXPECT_EQ(digest + "\n", Shell("sha256sum '" + path + "' | cut -d' ' -f1"));
+}
+
+TEST(FileOpen, FifoDeviceAndDirectoryAreRefusedWithoutHanging) {
+    TempDir dir;
+    const std::string fifo = dir.Path() + "/fifo";
+    ASSERT_EQ(::mkfifo(fifo.c_str(), 0600), 0);
+    EXPECT_LT(SDK::FileUtils::OpenRegularFileForRead(fifo), 0);  // no writer: must not block
+    EXPECT_LT(SDK::FileUtils::OpenRegularFileForRead("/dev/zero"), 0);
+    EXPECT_LT(SDK::FileUtils::OpenRegularFileForRead(dir.Path()), 0);
+    std::string digest;
+    EXPECT_FALSE(SDK::FileUtils::GetFileSha256(fifo, digest, 100));
+    const int fd = SDK::FileUtils::OpenRegularFileForRead(dir.File("plain", "x"));
+    ASSERT_GE(fd, 0);
+    EXPECT_EQ(::fcntl(fd, F_GETFL) & O_NONBLOCK, 0) << "reads of the file should block normally";
+    ::close(fd);
+}
+
+TEST(Json, CompactOutputAndDepthLimit) {
+    Json::Value doc;
+    ASSERT_EQ(SDK::JsonUtils::ParseJsonStr(R"({ "a" : [1, 2], "b" : {"c": "d"} })", doc), 0);
+    const std::string text = SDK::JsonUtils::JsonToString(doc);
+    EXPECT_EQ(text.find('\n'), std::string::npos);
+    EXPECT_EQ(text, R"({"a":[1,2],"b":{"c":"d"}})");
+    const std::string deep(100000, '[');
+    EXPECT_NE(SDK::JsonUtils::ParseJsonStr(deep.c_str(), deep.size(), doc), 0);
+    EXPECT_NE(SDK::JsonUtils::ParseJsonStr("{not json", doc), 0);
+    EXPECT_EQ(SDK::JsonUtils::GetStringValue(doc, "missing", "dflt"), "dflt");
+    Json::Value typed;
+    SDK::JsonUtils::ParseJsonStr(R"({"s":1,"b":"true","o":[],"a":{}})", typed);
+    EXPECT_EQ(SDK::JsonUtils::GetStringValue(typed, "s", "d"), "d");
+    EXPECT_TRUE(SDK::JsonUtils::GetBoolValue(typed, "b", true));
+    Json::Value out;
+    EXPECT_FALSE(SDK::JsonUtils::GetSubobjectValue(typed, "o", out));
+    EXPECT_FALSE(SDK::JsonUtils::GetArrayValue(typed, "a", out));
+}
+
+TEST(Paths, FileNameAndCanonicalForm) {
+    EXPECT_EQ(SDK::PathUtils::GetFileNameFromPath("/a/b/RootFsMonitor.cpp"), "RootFsMonitor.cpp");
+    EXPECT_EQ(SDK::PathUtils::GetFileNameFromPath("plain"), "plain");
+    TempDir dir;
+    const std::string target = dir.File("t", "x");
+    ASSERT_EQ(::symlink(target.c_str(), (dir.Path() + "/link").c_str()), 0);
+    char resolved[PATH_MAX];
+    ASSERT_NE(::realpath(target.c_str(), resolved), nullptr);
+    EXPECT_EQ(SDK::PathUtils::GetExistedCanonicalizePath(dir.Path() + "/./link"), resolved);
+    EXPECT_EQ(SDK::PathUtils::GetExistedCanonicalizePath(dir.Path() + "/missing"), "");
+}
+
+TEST(ContainerOfProcess, CgroupV1AndV2Forms) {
+    const std::string id(64, 'a');
+    EXPECT_EQ(SDK::ProcessUtils::ParseContainerIdFromCgroup(
+                  "12:pids:/docker/" + id + "\n1:name=systemd:/docker/" + id + "\n"),
+              id);
+    EXPECT_EQ(SDK::ProcessUtils::ParseContainerIdFromCgroup(
+                  "0::/system.slice/docker-" + id + ".scope\n"),
+              id);
+    EXPECT_EQ(SDK::ProcessUtils::ParseContainerIdFromCgroup("0::/user.slice/session-1.scope\n"), "");
+    EXPECT_EQ(SDK::ProcessUtils::ParseContainerIdFromCgroup("0::/docker/nothex\n"), "");
+    // This test process is not in a container, and a missing process has no container.
+    std::string mine;
+    SDK::ProcessUtils::GetContainerID(static_cast<int>(::getpid()), mine);
+    EXPECT_EQ(mine, "");
+    std::string gone;
+    SDK::ProcessUtils::GetContainerID(0x7ffffff0, gone);
+    EXPECT_EQ(gone, "");
+}
+
+TEST(CpuLimiter, SleepSpreadsUsedTimeOverTheAllowedShare) {
+    EXPECT_EQ(SDK::InnerCpuCtrlUtils::ComputeSleepMs(100, 100, 0), 0u) << "0 means off";
+    EXPECT_EQ(SDK::InnerCpuCtrlUtils::ComputeSleepMs(100, 100, 100), 0u);
+    EXPECT_EQ(SDK::InnerCpuCtrlUtils::ComputeSleepMs(50, 100, 50), 0u) << "already within share";
+    EXPECT_EQ(SDK::InnerCpuCtrlUtils::ComputeSleepMs(100, 100, 50), 100u);
+    EXPECT_EQ(SDK::InnerCpuCtrlUtils::ComputeSleepMs(100, 0, 25), 400u);
+    SDK::InnerCpuCtrlUtils::SetLimitPercent(30);
+    EXPECT_TRUE(SDK::InnerCpuCtrlUtils::IsEnabled());
+    SDK::InnerCpuCtrlUtils::SetLimitPercent(0);
+    EXPECT_FALSE(SDK::InnerCpuCtrlUtils::IsEnabled());
+}
+
+TEST(Logging, LevelNamesAndUuids) {
+    EXPECT_EQ(SDK::LoggerUtils::ParseLevel("debug"), 7);
+    EXPECT_EQ(SDK::LoggerUtils::ParseLevel("warning"), 4);
+    EXPECT_EQ(SDK::LoggerUtils::ParseLevel("6"), 6);
+    EXPECT_EQ(SDK::LoggerUtils::ParseLevel("loud"), -1);
+    const std::string a = SDK::CryptoCodeUtils::GenerateUUID();
+    EXPECT_EQ(a.size(), 36u);
+    EXPECT_NE(a, SDK::CryptoCodeUtils::GenerateUUID());
+}
+
+}  // namespace
