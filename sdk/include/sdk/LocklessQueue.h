@@ -3,6 +3,8 @@
 #include <atomic>
 #include <cstdint>
 #include <thread>
+#include <type_traits>
+#include <utility>
 #include <vector>
 
 #if defined(__x86_64__) || defined(__i386__)
@@ -153,7 +155,6 @@ protected:
 
     void _DequeueElements(unsigned int head, std::vector<T>& out, unsigned int n) {
         const uint32_t idx = head & mask_;
-        out.reserve(out.size() + n);
         if (idx + n < size_) {
             CopyOut(out, idx, n);
         } else {
@@ -201,20 +202,30 @@ private:
     }
 
     void CopyOut(std::vector<T>& out, uint32_t slot, uint32_t n) {
+        const size_t base = out.size();
+        out.resize(base + n);
+        T* dst = out.data() + base;
         uint32_t i = 0;
         for (; i + 4 <= n; i += 4) {
-            Take(out, slot + i);
-            Take(out, slot + i + 1);
-            Take(out, slot + i + 2);
-            Take(out, slot + i + 3);
+            Take(dst[i], slot + i);
+            Take(dst[i + 1], slot + i + 1);
+            Take(dst[i + 2], slot + i + 2);
+            Take(dst[i + 3], slot + i + 3);
         }
-        for (; i < n; ++i) Take(out, slot + i);
+        for (; i < n; ++i) Take(dst[i], slot + i);
     }
 
-    // The slot is reset once copied out so that the queue never keeps a taken element alive.
-    void Take(std::vector<T>& out, uint32_t slot) {
-        out.push_back(slots_[slot]);
-        slots_[slot] = T();
+    // The element leaves its slot empty, so that the queue never keeps a taken element alive; a
+    // move does that without touching a shared pointer's reference count. A plain value (a raw
+    // pointer) keeps nothing alive, and leaving its slot unwritten spares the producers' cache
+    // lines.
+    void Take(T& to, uint32_t slot) {
+        if constexpr (std::is_trivially_copyable<T>::value) {
+            to = slots_[slot];
+        } else {
+            to = std::move(slots_[slot]);
+            slots_[slot] = T();
+        }
     }
 
     alignas(64) std::atomic<uint32_t> prodHead_{0};
