@@ -9,9 +9,9 @@
 #include <cstdint>
 
 #include "DockerFileModule.h"
+#include "UserFileMonitor.h"
 #include "framework/DataMessage.h"
 #include "process_collect/AuditFileSystemCtrlMessage.h"
-#include "sdk/CryptoCodeUtils.h"
 #include "sdk/FileUtils.h"
 #include "sdk/JsonUtils.h"
 #include "sdk/Log.h"
@@ -170,21 +170,8 @@ void AuditMessageProcess(const AuditEventMessage& msg, DockerFileTask* task) {
 }
 
 void FillBasicAlarmInfo(const ContainerInfo& container, Json::Value& root) {
-    root["event_id"] = SDK::CryptoCodeUtils::GenerateUUID();
-    root["event_name"] = "Container rootFs exception";
-    root["event_classid"] = "dockerfile_002";
-    root["type"] = "container_root_fs_modification";
-    root["container_name"] = container.name;
-    root["image_name"] = container.imageName;
-    root["occur_time"] = Json::Int64(SDK::TimeUtils::GetCurrentTimestampS());
-    root["event_category"] = 3000;
-    root["event_type"] = 3021;
-    root["serverity"] = 2;  // the receiving side expects this spelling
-    root["event_count"] = 1;
-    root["attack_phase"] = 4;
-    root["attack_tag"] = 4;
-    root["confidence"] = 60;
-    root["detect_module"] = "dockerfile_module";
+    FillAlarmEnvelope(container, "Container rootFs exception", "dockerfile_002",
+                      "container_root_fs_modification", root);
 }
 
 void SendRootFSAlarmMessage(const AuditLogSyscall& syscall, const std::string& filePath,
@@ -193,10 +180,7 @@ void SendRootFSAlarmMessage(const AuditLogSyscall& syscall, const std::string& f
     Json::Value root;
     FillBasicAlarmInfo(container, root);
 
-    Json::Value resource;
-    resource["container_id"] = container.id;
-    resource["image_id"] = container.imageId;
-    root["resource_info"] = resource;
+    root["resource_info"] = ResourceInfo(container);
 
     Json::Value file;
     file["file_path"] = filePath;

@@ -98,13 +98,12 @@ void UserFileNotifyMessageProcess(FileNotifyMessage* msg, DockerFileTask* task) 
     SendFileModificationMessage(inContainer, operation, record.containerInfo, task);
 }
 
-void SendFileModificationMessage(const std::string& filePath, int operation,
-                                 const ContainerInfo& container, DockerFileTask* task) {
-    Json::Value root;
+void FillAlarmEnvelope(const ContainerInfo& container, const char* eventName, const char* classId,
+                       const char* type, Json::Value& root) {
     root["event_id"] = SDK::CryptoCodeUtils::GenerateUUID();
-    root["event_name"] = "Container file exception";
-    root["event_classid"] = "dockerfile_001";
-    root["type"] = "container_user_file_violation";
+    root["event_name"] = eventName;
+    root["event_classid"] = classId;
+    root["type"] = type;
     root["container_name"] = container.name;
     root["image_name"] = container.imageName;
     root["occur_time"] = Json::Int64(SDK::TimeUtils::GetCurrentTimestampS());
@@ -116,11 +115,21 @@ void SendFileModificationMessage(const std::string& filePath, int operation,
     root["attack_tag"] = 4;
     root["confidence"] = 60;
     root["detect_module"] = "dockerfile_module";
+}
 
+Json::Value ResourceInfo(const ContainerInfo& container) {
     Json::Value resource;
     resource["container_id"] = container.id;
     resource["image_id"] = container.imageId;
-    root["resource_info"] = resource;
+    return resource;
+}
+
+void SendFileModificationMessage(const std::string& filePath, int operation,
+                                 const ContainerInfo& container, DockerFileTask* task) {
+    Json::Value root;
+    FillAlarmEnvelope(container, "Container file exception", "dockerfile_001",
+                      "container_user_file_violation", root);
+    root["resource_info"] = ResourceInfo(container);
 
     Json::Value file;
     file["file_path"] = filePath;
