@@ -15,6 +15,7 @@ namespace Engine {
 /// document of key "10001" into a fresh DockerFilePolicy for it.
 class DockerFileModule : public Framework::Module {
 public:
+    /// Made by CreateModule; the framework owns and destroys it.
     DockerFileModule();
     ~DockerFileModule() override;
 

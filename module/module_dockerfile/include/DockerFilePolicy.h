@@ -1,10 +1,10 @@
 #pragma once
 
+#include <json/json.h>
+
 #include <map>
 #include <string>
 #include <vector>
-
-#include <json/json.h>
 
 #include "framework/FeaturePolicy.h"
 
@@ -27,6 +27,7 @@ public:
         std::vector<std::string> protectFiles;
     };
 
+    /// `name` is the policy name until the document's "feature_name" replaces it.
     explicit DockerFilePolicy(const std::string& name);
     ~DockerFilePolicy() override;
 
@@ -35,8 +36,9 @@ public:
     /// One rule object into the id or the name table; a rule with neither is dropped.
     void ParsePolicyRule(const Json::Value& rule);
 
-    /// The first rule for an id (or name) wins; later ones are dropped.
+    /// Stores an id rule; the first rule for an id wins, later ones are dropped.
     void InsertImageIdRulesList(const Image_Id_Rule_Node& node);
+    /// Stores a name rule; the first rule for a name wins, fuzzy or exact alike.
     void InsertImageNameRulesList(const Image_Name_Rule_Node& node);
 
     /// The rule for a container's image: id rules first, then the first name rule in key order
@@ -44,11 +46,6 @@ public:
     /// on false neither is touched.
     bool GetImageFileRule(const std::string& imageId, const std::string& imageName,
                           std::vector<std::string>& files, bool& elfForbidden) const;
-
-    const std::map<std::string, Image_Id_Rule_Node>& GetImageIdRules() const { return imageIdRules; }
-    const std::map<std::string, Image_Name_Rule_Node>& GetImageNameRules() const {
-        return imageNameRules;
-    }
 
 private:
     std::map<std::string, Image_Id_Rule_Node> imageIdRules;

@@ -35,6 +35,7 @@ public:
     static constexpr const char* kTaskName = "dockerfile_task";
     static constexpr const char* kFeatureName = "dockerfile_feature";
 
+    /// Owned by the module once registered; released by the framework, never deleted.
     DockerFileTask();
     ~DockerFileTask() override;
 
@@ -42,15 +43,20 @@ public:
     int Init() override;
     /// Unsubscribes, tears every cached container down and withdraws the audit subscription.
     void UnInit() override;
+    /// The task thread's loop: waits on the event waiter and drains the queue until cancelled.
     int Run() override;
 
+    /// Container start (running set) or exit; always 0.
     int Receive(const ContainerMessage& msg) override;
+    /// An audit event of a root-filesystem watch; always 0.
     int Receive(const AuditEventMessage& msg) override;
+    /// A file-notify event of a protected-file watch; always 0. The message stays the caller's.
     int FileNotifyMessageAction(FileNotifyMessage* msg) override;
 
     /// Stores a new container under the next index (written into info.index); false, with
     /// nothing changed, when the id is already cached.
     bool InsertDockerInfoCache(DockerFileCacheInfo& info);
+    /// Forgets a container and its index; an unknown id changes nothing.
     void DeleteDockerInfoCache(const std::string& containerId);
     /// A copy of the record of that container; false and `info` untouched when not cached.
     bool GetDockerInfoFromCache(const std::string& containerId, DockerFileCacheInfo& info);

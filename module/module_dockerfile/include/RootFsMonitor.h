@@ -1,10 +1,9 @@
 #pragma once
 
+#include <json/json.h>
 #include <sys/stat.h>
 
 #include <string>
-
-#include <json/json.h>
 
 #include "DockerFileTask.h"
 #include "container/ContainerInfo.h"

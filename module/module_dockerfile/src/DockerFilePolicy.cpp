@@ -45,8 +45,8 @@ int DockerFilePolicy::Parse(const std::string& document) {
     Json::Value content;
     if (!SDK::JsonUtils::GetSubobjectValue(root, "content", content)) return 0;
     TW_LOG(DockerFileModule::GetLoggerPtr(), PRIO_INFORMATION,
-           "Docker file module parse policy: name(%s),hash(%s),id(%s),enable(%b)",
-           GetPolicyName(), GetHash(), GetPolicyId(), IsEnabled());
+           "Docker file module parse policy: name(%s),hash(%s),id(%s),enable(%b)", GetPolicyName(),
+           GetHash(), GetPolicyId(), IsEnabled());
 
     Json::Value rules;
     const bool hasRules = SDK::JsonUtils::GetArrayValue(content, "rules", rules);
@@ -78,7 +78,8 @@ void DockerFilePolicy::ParsePolicyRule(const Json::Value& rule) {
         InsertImageNameRulesList(node);
         return;
     }
-    TW_LOG(DockerFileModule::GetLoggerPtr(), PRIO_WARNING, "Docker file get invalid rules content.");
+    TW_LOG(DockerFileModule::GetLoggerPtr(), PRIO_WARNING,
+           "Docker file get invalid rules content.");
 }
 
 void DockerFilePolicy::InsertImageIdRulesList(const Image_Id_Rule_Node& node) {
@@ -98,8 +99,7 @@ void DockerFilePolicy::InsertImageNameRulesList(const Image_Name_Rule_Node& node
 }
 
 bool DockerFilePolicy::GetImageFileRule(const std::string& imageId, const std::string& imageName,
-                                        std::vector<std::string>& files,
-                                        bool& elfForbidden) const {
+                                        std::vector<std::string>& files, bool& elfForbidden) const {
     if (!imageIdRules.empty()) {
         const auto byId = imageIdRules.find(imageId);
         if (byId != imageIdRules.end()) {

@@ -177,8 +177,8 @@ bool DockerFileTask::MatchDockerCache(const std::string& path, uint64_t index,
     // A plain leading-substring test, deliberately blind to path separators.
     if (path.find(container.rootPath) != 0) {
         TW_LOG(Log(), PRIO_WARNING,
-               "Docker file root path match failed. container=%s, file=%s, root=%s",
-               container.name, path, container.rootPath);
+               "Docker file root path match failed. container=%s, file=%s, root=%s", container.name,
+               path, container.rootPath);
         return false;
     }
     info = byId->second;

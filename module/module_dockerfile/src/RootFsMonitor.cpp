@@ -105,8 +105,8 @@ bool GetFileStatInfo(const AuditEventMessage& msg, struct stat* st, char* resolv
     }
     const std::string resolved = resolvedPath;
     TW_LOG(Log(), PRIO_DEBUG,
-           "Docker file rootFs receive audit message. write(%b), attr(%b), file(%s)",
-           syscall.write, syscall.attr, name);
+           "Docker file rootFs receive audit message. write(%b), attr(%b), file(%s)", syscall.write,
+           syscall.attr, name);
     if (stat(resolvedPath, st) != 0) {
         TW_LOG(Log(), PRIO_WARNING, "Docker file lstat failed: %s", resolved);
         return false;

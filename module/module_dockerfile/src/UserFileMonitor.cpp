@@ -1,9 +1,9 @@
 #include "UserFileMonitor.h"
 
+#include <json/json.h>
+
 #include <cstdint>
 #include <vector>
-
-#include <json/json.h>
 
 #include "DockerFileModule.h"
 #include "filenotify/FileNotifyOpt.h"
@@ -56,8 +56,8 @@ int ClassifyEvent(const std::string& path, uint32_t mask) {
                mask);
         return kAttributes;
     }
-    TW_LOG(Log(), PRIO_DEBUG,
-           "Docker file module receive other message, FilePath=%s, eventMask=%u", path, mask);
+    TW_LOG(Log(), PRIO_DEBUG, "Docker file module receive other message, FilePath=%s, eventMask=%u",
+           path, mask);
     return kModified;
 }
 }  // namespace

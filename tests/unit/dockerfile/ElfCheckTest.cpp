@@ -1,0 +1,142 @@
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <stdlib.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <fstream>
+#include <future>
+#include <string>
+
+#include "LogCapture.h"
+#include "RootFsMonitor.h"
+
+namespace {
+
+using DockerFileUnit::LogCapture;
+
+/// A private temporary directory, removed with everything in it.
+class TempDir {
+public:
+    TempDir() {
+        char pattern[] = "/tmp/dockerfile_elf_XXXXXX";
+        const char* made = mkdtemp(pattern);
+        path_ = made ? made : "";
+    }
+    ~TempDir() {
+        if (!path_.empty()) std::system(("rm -rf '" + path_ + "'").c_str());
+    }
+    std::string File(const std::string& name, const std::string& bytes) const {
+        const std::string full = path_ + "/" + name;
+        std::ofstream(full, std::ios::binary) << bytes;
+        return full;
+    }
+    const std::string& Path() const { return path_; }
+
+private:
+    std::string path_;
+};
+
+const std::string kMagic(
+    "\x7f"
+    "ELF",
+    4);
+
+class ElfCheckTest : public ::testing::Test {
+protected:
+    void SetUp() override {
+        LogCapture::Instance().Clear();
+        ASSERT_FALSE(dir.Path().empty());
+    }
+
+    /// Runs the check; `isElf` starts as `initial` so an untouched flag can be told apart.
+    bool Check(const std::string& path, bool& isElf, bool initial = false) {
+        isElf = initial;
+        return Engine::IsElf(path, isElf);
+    }
+
+    TempDir dir;
+};
+
+TEST_F(ElfCheckTest, EmptyFileIsExaminedAndNotElf) {
+    bool elf = true;
+    EXPECT_TRUE(Check(dir.File("empty", ""), elf, true));
+    EXPECT_FALSE(elf);
+}
+
+TEST_F(ElfCheckTest, MagicAloneIsTooShort) {
+    bool elf = true;
+    EXPECT_TRUE(Check(dir.File("four", kMagic), elf, true));
+    EXPECT_FALSE(elf);
+    EXPECT_TRUE(Check(dir.File("five", kMagic + "\x02"), elf, true));
+    EXPECT_FALSE(elf);
+}
+
+TEST_F(ElfCheckTest, MagicAndTwoMoreBytesIsElf) {
+    bool elf = false;
+    EXPECT_TRUE(Check(dir.File("six", kMagic + std::string("\0\0", 2)), elf));
+    EXPECT_TRUE(elf);
+}
+
+TEST_F(ElfCheckTest, ScriptIsNotElf) {
+    bool elf = true;
+    EXPECT_TRUE(Check(dir.File("script", "#!/bin/sh\necho hi\n"), elf, true));
+    EXPECT_FALSE(elf);
+}
+
+TEST_F(ElfCheckTest, RealExecutableIsElf) {
+    bool elf = false;
+    EXPECT_TRUE(Check("/bin/sh", elf));
+    EXPECT_TRUE(elf);
+}
+
+TEST_F(ElfCheckTest, LinkIsExaminedThroughItsTarget) {
+    const std::string target = dir.File("target", kMagic + "\x02\x01");
+    const std::string link = dir.Path() + "/link";
+    ASSERT_EQ(0, symlink(target.c_str(), link.c_str()));
+    bool elf = false;
+    EXPECT_TRUE(Check(link, elf));
+    EXPECT_TRUE(elf);
+}
+
+TEST_F(ElfCheckTest, MissingPathFailsLeavesTheFlagAndWarns) {
+    const std::string missing = dir.Path() + "/missing";
+    bool elf = true;
+    EXPECT_FALSE(Check(missing, elf, true));
+    EXPECT_TRUE(elf);
+    EXPECT_EQ(1, LogCapture::Instance().Count("Docker file path invalid: " + missing + "."))
+        << LogCapture::Instance().Dump();
+}
+
+TEST_F(ElfCheckTest, DirectoryAndDeviceAreRefusedAtOpening) {
+    bool elf = true;
+    EXPECT_FALSE(Check(dir.Path(), elf, true));
+    EXPECT_TRUE(elf);
+    EXPECT_FALSE(Check("/dev/null", elf, true));
+    EXPECT_TRUE(elf);
+    EXPECT_EQ(1, LogCapture::Instance().Count("Docker file open /dev/null failed to check elf."))
+        << LogCapture::Instance().Dump();
+}
+
+// A FIFO swapped in at an executable's path must neither block the task (no writer ever
+// comes) nor be read.
+TEST_F(ElfCheckTest, FifoWithoutWriterIsRefusedWithoutBlocking) {
+    const std::string fifo = dir.Path() + "/fifo";
+    ASSERT_EQ(0, mkfifo(fifo.c_str(), 0700));
+    auto pending = std::async(std::launch::async, [&fifo] {
+        bool elf = true;
+        const bool examined = Engine::IsElf(fifo, elf);
+        return examined || !elf;
+    });
+    if (pending.wait_for(std::chrono::seconds(10)) != std::future_status::ready) {
+        // Release the blocked reader so the test can end, then report the hang.
+        const int writer = open(fifo.c_str(), O_WRONLY | O_NONBLOCK);
+        if (writer >= 0) close(writer);
+        pending.wait();
+        FAIL() << "the ELF check blocked on a FIFO";
+    }
+    EXPECT_FALSE(pending.get());
+}
+
+}  // namespace
