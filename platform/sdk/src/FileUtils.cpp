@@ -39,7 +39,9 @@ std::string ToHex(const unsigned char* data, unsigned int len) {
 
 int FileUtils::OpenRegularFileForRead(const std::string& path) {
     // O_NONBLOCK: opening a FIFO that a hostile writer swapped in must not wait for a writer.
-    const int fd = open(path.c_str(), O_RDONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC);
+    // O_NOFOLLOW: callers pass canonical paths, so a symbolic link found at the last component
+    // was swapped in after they resolved it, and must not lead the read to another file.
+    const int fd = open(path.c_str(), O_RDONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC | O_NOFOLLOW);
     if (fd < 0) return -1;
     struct stat st;
     if (fstat(fd, &st) != 0 || !S_ISREG(st.st_mode)) {

@@ -76,6 +76,10 @@ TEST(FileOpen, FifoDeviceAndDirectoryAreRefusedWithoutHanging) {
     EXPECT_LT(SDK::FileUtils::OpenRegularFileForRead(fifo), 0);  // no writer: must not block
     EXPECT_LT(SDK::FileUtils::OpenRegularFileForRead("/dev/zero"), 0);
     EXPECT_LT(SDK::FileUtils::OpenRegularFileForRead(dir.Path()), 0);
+    // A link swapped in for a resolved path is not followed to the file it names.
+    const std::string target = dir.File("target", "secret");
+    ASSERT_EQ(::symlink(target.c_str(), (dir.Path() + "/swapped").c_str()), 0);
+    EXPECT_LT(SDK::FileUtils::OpenRegularFileForRead(dir.Path() + "/swapped"), 0);
     std::string digest;
     EXPECT_FALSE(SDK::FileUtils::GetFileSha256(fifo, digest, 100));
     const int fd = SDK::FileUtils::OpenRegularFileForRead(dir.File("plain", "x"));

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cstddef>
 #include <exception>
 #include <string>
 
@@ -31,7 +32,12 @@ inline void LogRecord(Poco::Logger* logger, Poco::Message::Priority prio, const 
         }
         Poco::Channel* channel = logger->getChannel();
         if (!logger->is(prio) || channel == nullptr) return;
-        channel->log(Poco::Message(logger->name(), text, prio, fileName.c_str(), line));
+        // The record keeps a pointer to its file name: point into the __FILE__ literal, which
+        // lives for the whole process, so that a channel that keeps records stays valid.
+        const std::size_t length = std::char_traits<char>::length(file);
+        const char* bareName =
+            fileName.size() <= length ? file + (length - fileName.size()) : file;
+        channel->log(Poco::Message(logger->name(), text, prio, bareName, line));
     } catch (const std::exception&) {
         // A log line must never interrupt the operation around it.
     }
