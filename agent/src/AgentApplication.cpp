@@ -1,8 +1,11 @@
 #include "agent/AgentApplication.h"
 
+#include <pthread.h>
+#include <signal.h>
 #include <sys/stat.h>
 
 #include <chrono>
+#include <csignal>
 #include <condition_variable>
 #include <iostream>
 #include <mutex>
@@ -267,6 +270,17 @@ void AgentApplication::LogCounters() {
 
 int AgentApplication::main(const std::vector<std::string>& args) {
     if (helpRequested_) return EXIT_OK;
+    // SIGHUP means "reopen the alarm file" once the sink module hooks it; until then (and in
+    // an agent without that module) it must not end the agent.
+    std::signal(SIGHUP, SIG_IGN);
+    // Every thread the modules start inherits this mask, so a stop request arriving during
+    // start-up waits for the orderly shutdown below instead of killing the agent mid-way.
+    sigset_t stopSignals;
+    sigemptyset(&stopSignals);
+    sigaddset(&stopSignals, SIGINT);
+    sigaddset(&stopSignals, SIGQUIT);
+    sigaddset(&stopSignals, SIGTERM);
+    pthread_sigmask(SIG_BLOCK, &stopSignals, nullptr);
     std::string error;
     if (!args.empty()) error = "unexpected argument '" + args.front() + "'";
     if (error.empty()) LoadSettings(error);
