@@ -228,11 +228,11 @@ private:
         }
     }
 
-    alignas(64) std::atomic<uint32_t> prodHead_{0};
+    alignas(128) std::atomic<uint32_t> prodHead_{0};
     std::atomic<uint32_t> prodTail_{0};
-    alignas(64) std::atomic<uint32_t> consHead_{0};
+    alignas(128) std::atomic<uint32_t> consHead_{0};
     std::atomic<uint32_t> consTail_{0};
-    alignas(64) bool singleProducer_;
+    alignas(128) bool singleProducer_;
     bool singleConsumer_;
     uint32_t size_ = 0;
     uint32_t mask_ = 0;
