@@ -97,11 +97,13 @@ void ContainerCollectTask::OnStreamEvent(const ContainerEvent& event) {
 }
 
 int ContainerCollectTask::Receive(const ContainerRegisterMessage& msg) {
-    if (msg.task == nullptr) {
+    // The name taken when the message was built: an unsubscribing task is released right
+    // after sending it.
+    const std::string subscriber = msg.taskName;
+    if (subscriber.empty()) {
         TW_LOG(Log(), PRIO_WARNING, "Docker monitor ignored a registration without a task");
         return 0;
     }
-    const std::string subscriber = msg.task->name();
     if (!msg.subscribe) {
         const bool had = subscribers_.erase(subscriber) != 0;
         TW_LOG(Log(), PRIO_INFORMATION, "Docker monitor unsubscribed %s%s", subscriber,

@@ -3,7 +3,11 @@
 namespace Engine {
 
 ContainerRegisterMessage::ContainerRegisterMessage(Framework::Task* from, bool sub, bool opt)
-    : AbstructMessage<ContainerRegisterMessage>(from), task(from), subscribe(sub), option(opt) {}
+    : AbstructMessage<ContainerRegisterMessage>(from),
+      task(from),
+      subscribe(sub),
+      option(opt),
+      taskName(from != nullptr ? from->name() : std::string()) {}
 
 ContainerRegisterMessage::~ContainerRegisterMessage() = default;
 

@@ -3,7 +3,8 @@
 namespace Engine {
 
 AuditFileSystemCtrlMessage::AuditFileSystemCtrlMessage(Framework::Task* from)
-    : AbstructMessage<AuditFileSystemCtrlMessage>(from) {}
+    : AbstructMessage<AuditFileSystemCtrlMessage>(from),
+      requester(from != nullptr ? from->name() : std::string()) {}
 AuditFileSystemCtrlMessage::~AuditFileSystemCtrlMessage() = default;
 
 }  // namespace Engine

@@ -346,13 +346,14 @@ void AuditTask::AddRule(const AuditFileSystemCtrlMessage& msg) {
                msg.ruleKey, error);
         return;
     }
-    if (msg.sender == nullptr) {
+    // The name taken when the request was built: its sender may already be gone.
+    const std::string subscriber = msg.requester;
+    if (subscriber.empty()) {
         Framework::Counters::Instance().Add(kCounterRejected);
         TW_LOG(logger_, PRIO_WARNING, "Audit rule %s dropped: request without sender",
                RuleText(rule));
         return;
     }
-    const std::string subscriber = msg.sender->name();
     for (auto& entry : rules_) {
         if (!entry.rule.SameRule(rule)) continue;
         entry.subscriber = subscriber;
@@ -412,12 +413,12 @@ void AuditTask::DeleteEntry(const RuleEntry& entry) {
 }
 
 int AuditTask::Receive(const AuditUnsubscribeMessage& msg) {
-    const Framework::Task* task = msg.task != nullptr ? msg.task : msg.sender;
-    if (task == nullptr) {
+    // The name taken when the message was built: the task is released right after sending it.
+    const std::string subscriber = msg.taskName;
+    if (subscriber.empty()) {
         TW_LOG(logger_, PRIO_WARNING, "Audit unsubscribe without a task dropped");
         return 0;
     }
-    const std::string subscriber = task->name();
     std::vector<RuleEntry> removed;
     for (auto it = rules_.begin(); it != rules_.end();) {
         if (it->subscriber != subscriber) {

@@ -3,7 +3,9 @@
 namespace Engine {
 
 AuditUnsubscribeMessage::AuditUnsubscribeMessage(Framework::Task* from)
-    : AbstructMessage<AuditUnsubscribeMessage>(from), task(from) {}
+    : AbstructMessage<AuditUnsubscribeMessage>(from),
+      task(from),
+      taskName(from != nullptr ? from->name() : std::string()) {}
 AuditUnsubscribeMessage::~AuditUnsubscribeMessage() = default;
 
 }  // namespace Engine

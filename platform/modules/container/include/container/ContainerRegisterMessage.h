@@ -1,5 +1,7 @@
 #pragma once
 
+#include <string>
+
 #include "engine/AbstructMessage.h"
 
 namespace Engine {
@@ -14,6 +16,9 @@ public:
     Framework::Task* task = nullptr;  ///< the subscriber
     bool subscribe = false;           ///< true subscribes, false withdraws
     bool option = false;              ///< true: no replay of running containers on subscribe
+    /// `task`'s name, taken at construction: an unsubscribing task is released right after it
+    /// sends this, so the receiver must not reach through the pointer.
+    std::string taskName;
 };
 
 }  // namespace Engine

@@ -23,6 +23,9 @@ public:
     std::string text;          ///< reserved
     _FileNotifyOpt notifyOpt;  ///< reserved
     int32_t number = 0;        ///< reserved
+    /// The sender's task name, taken when the request is built: a sender that stops right
+    /// after sending (a shutdown's "-W") may be gone by the time the request is handled.
+    std::string requester;
 };
 
 }  // namespace Engine

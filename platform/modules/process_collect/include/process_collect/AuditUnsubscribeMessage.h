@@ -1,5 +1,7 @@
 #pragma once
 
+#include <string>
+
 #include "engine/AbstructMessage.h"
 
 namespace Engine {
@@ -11,6 +13,9 @@ public:
     ~AuditUnsubscribeMessage() override;
 
     Framework::Task* task = nullptr;
+    /// `task`'s name, taken at construction: the task is released right after it sends this
+    /// from its UnInit, so the receiver must not reach through the pointer.
+    std::string taskName;
 };
 
 }  // namespace Engine
