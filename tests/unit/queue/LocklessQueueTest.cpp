@@ -161,6 +161,29 @@ TEST(LocklessQueueOwnership, ATakenElementIsNotKeptAliveByTheQueue) {
     EXPECT_TRUE(watch.expired()) << "the slot still held a reference";
 }
 
+TEST(LocklessQueueOwnership, AWrappingStretchOfSharedPointersLeavesNoReferenceBehind) {
+    SDK::LocklessQueue<std::shared_ptr<int>> q(8);
+    std::vector<std::shared_ptr<int>> out;
+    for (int i = 0; i < 6; ++i) q.Enqueue(std::make_shared<int>(-1));
+    q.DequeueBulk(out, -1);  // counters now at slot 6: the next 7 wrap past the last slot
+    out.clear();
+    std::vector<std::shared_ptr<int>> in;
+    std::vector<std::weak_ptr<int>> watches;
+    for (int i = 0; i < 7; ++i) {
+        in.push_back(std::make_shared<int>(i));
+        watches.push_back(in.back());
+    }
+    ASSERT_EQ(q.EnqueueBulk(in, 7), 7);
+    in.clear();
+    ASSERT_EQ(q.DequeueBulk(out, -1), 7);
+    for (int i = 0; i < 7; ++i) {
+        ASSERT_TRUE(out[static_cast<size_t>(i)]);
+        EXPECT_EQ(*out[static_cast<size_t>(i)], i);
+    }
+    out.clear();
+    for (const auto& w : watches) EXPECT_TRUE(w.expired()) << "a slot still held a reference";
+}
+
 TEST(LocklessQueueOwnership, DestructorReleasesWhatIsStillQueued) {
     std::weak_ptr<int> watch;
     {
