@@ -2,6 +2,8 @@
 // consumers move a fixed number of items per iteration in batches of 1, 8, 32 or 128.
 //   Args: {batch size, producers (= consumers)}
 #include <immintrin.h>
+#include <pthread.h>
+#include <sched.h>
 
 #include <atomic>
 #include <cstdint>
@@ -174,14 +176,46 @@ void Backoff(int& idle) {
     }
 }
 
+// The CPUs this process may run on. Each side gets its own, taken in turn (producers first), so
+// that every queue meets the same placement instead of whatever the scheduler picks that run.
+std::vector<int> AllowedCpus() {
+    std::vector<int> cpus;
+    cpu_set_t set;
+    CPU_ZERO(&set);
+    if (sched_getaffinity(0, sizeof(set), &set) != 0) return cpus;
+    for (int cpu = 0; cpu < CPU_SETSIZE; ++cpu) {
+        if (CPU_ISSET(cpu, &set)) cpus.push_back(cpu);
+    }
+    return cpus;
+}
+
+void PinTo(const std::vector<int>& cpus, int index) {
+    if (cpus.size() < 2) return;
+    cpu_set_t set;
+    CPU_ZERO(&set);
+    CPU_SET(cpus[static_cast<size_t>(index) % cpus.size()], &set);
+    pthread_setaffinity_np(pthread_self(), sizeof(set), &set);
+}
+
+// The consumers' shared tally, on a cache line pair of its own: next to anything the producers
+// read it would slow every queue down by a cache miss per call.
+struct alignas(128) Tally {
+    std::atomic<long> consumed{0};
+};
+
 template <typename Queue>
 void RunIteration(Queue& queue, int batch, int pairs) {
     using Item = typename Queue::Item;
+    static const std::vector<int> cpus = AllowedCpus();
     const long perProducer = kItemsPerIteration / pairs;
-    std::atomic<long> consumed{0};
+    auto tally = std::make_unique<Tally>();
+    std::atomic<long>& consumed = tally->consumed;
     std::vector<std::thread> threads;
+    // Threads take what they use by value: reading the main thread's frame in the loop would
+    // share its cache lines with whatever else lives there.
     for (int p = 0; p < pairs; ++p) {
-        threads.emplace_back([&] {
+        threads.emplace_back([&queue, batch, perProducer, p] {
+            PinTo(cpus, p);
             std::vector<Item> full(static_cast<size_t>(batch));
             for (int i = 0; i < batch; ++i) full[static_cast<size_t>(i)] = MakeItem<Item>(i);
             std::vector<Item> rest;
@@ -205,7 +239,8 @@ void RunIteration(Queue& queue, int batch, int pairs) {
         });
     }
     for (int c = 0; c < pairs; ++c) {
-        threads.emplace_back([&] {
+        threads.emplace_back([&queue, &consumed, batch, pairs, c] {
+            PinTo(cpus, pairs + c);
             std::vector<Item> out;
             out.reserve(static_cast<size_t>(batch));
             int idle = 0;
