@@ -71,7 +71,6 @@ public:
         uint32_t head;
         uint32_t n;
         if (!singleProducer_) {
-            PrefetchForWrite(&prodHead_);
             head = prodHead_.load(std::memory_order_relaxed);
             do {
                 const uint32_t freeSlots =
@@ -111,7 +110,6 @@ public:
         uint32_t head;
         uint32_t n;
         if (!singleConsumer_) {
-            PrefetchForWrite(&consHead_);
             head = consHead_.load(std::memory_order_relaxed);
             do {
                 const uint32_t available = prodTail_.load(std::memory_order_acquire) - head;
@@ -190,16 +188,6 @@ private:
 #endif
     }
 
-    // The head is read and then compare-and-swapped: asking for the cache line in exclusive state
-    // up front makes that one transfer instead of a shared read followed by an upgrade.
-    static void PrefetchForWrite(const void* address) {
-#if defined(__x86_64__) || defined(__i386__)
-        asm volatile("prefetchw %0" : : "m"(*static_cast<const char*>(address)));
-#else
-        __builtin_prefetch(address, 1);
-#endif
-    }
-
     // Waits until the earlier reservations of this side are published. Pauses on every look;
     // after a long wait it also yields, because the thread we wait for may have been preempted
     // between reserving and publishing, and on a machine with more threads than cores pure
@@ -268,10 +256,14 @@ private:
         }
     }
 
+    // Each counter has a 128-byte line pair of its own (the adjacent-line prefetcher moves lines
+    // in pairs). A head is touched by its own side only, a tail also by the other side's every
+    // call: sharing a line, the other side's reads of the tail would take the head's line away
+    // between each reservation and the next.
     alignas(128) std::atomic<uint32_t> prodHead_{0};
-    std::atomic<uint32_t> prodTail_{0};
+    alignas(128) std::atomic<uint32_t> prodTail_{0};
     alignas(128) std::atomic<uint32_t> consHead_{0};
-    std::atomic<uint32_t> consTail_{0};
+    alignas(128) std::atomic<uint32_t> consTail_{0};
     alignas(128) bool singleProducer_;
     bool singleConsumer_;
     uint32_t size_ = 0;
