@@ -154,31 +154,21 @@ protected:
     }
 
     void _EnqueueElements(unsigned int head, const std::vector<T>& elements, unsigned int n) {
-        const uint32_t idx = head & mask_;
         const T* src = elements.data();
-        T* const ring = slots_;
-        if (idx + n < size_) {
-            CopyIn(src, ring + idx, n);
-        } else {
-            const uint32_t first = size_ - idx;
-            CopyIn(src, ring + idx, first);
-            CopyIn(src + first, ring, n - first);
-        }
+        ForEachPiece(head, n, [&](T* slots, uint32_t offset, uint32_t count) {
+            const T* from = src + offset;
+            Unrolled(count, [&](uint32_t i) { slots[i] = from[i]; });
+        });
     }
 
     void _DequeueElements(unsigned int head, std::vector<T>& out, unsigned int n) {
-        const uint32_t idx = head & mask_;
         const size_t base = out.size();
         out.resize(base + n);
         T* dst = out.data() + base;
-        T* const ring = slots_;
-        if (idx + n < size_) {
-            TakeOut(ring + idx, dst, n);
-        } else {
-            const uint32_t first = size_ - idx;
-            TakeOut(ring + idx, dst, first);
-            TakeOut(ring, dst + first, n - first);
-        }
+        ForEachPiece(head, n, [&](T* slots, uint32_t offset, uint32_t count) {
+            T* to = dst + offset;
+            Unrolled(count, [&](uint32_t i) { Take(slots[i], to[i]); });
+        });
     }
 
 private:
@@ -208,37 +198,36 @@ private:
         if (out.capacity() - out.size() < n) out.reserve(out.size() + n);
     }
 
-    // Copy loops unrolled by four: the common batch of a task's queue is a few dozen messages.
-    // They run on local pointers; through the members the compiler would reload the slot array
-    // after every store of a pointer-typed element.
-    static void CopyIn(const T* src, T* dst, uint32_t n) {
-        uint32_t i = 0;
-        for (; i + 4 <= n; i += 4) {
-            dst[i] = src[i];
-            dst[i + 1] = src[i + 1];
-            dst[i + 2] = src[i + 2];
-            dst[i + 3] = src[i + 3];
+    // A stretch of n slots from counter `head` is one piece, or two when it wraps past the last
+    // slot; `piece` gets the first slot of each, its offset within the stretch and its length.
+    // Pointers are handed out as locals: through the members the compiler would reload the slot
+    // array after every store of a pointer-typed element.
+    template <typename Piece>
+    void ForEachPiece(uint32_t head, uint32_t n, Piece piece) {
+        const uint32_t idx = head & mask_;
+        if (idx + n < size_) {
+            piece(slots_ + idx, 0, n);
+            return;
         }
-        switch (n - i) {
-            case 3: dst[i + 2] = src[i + 2]; [[fallthrough]];
-            case 2: dst[i + 1] = src[i + 1]; [[fallthrough]];
-            case 1: dst[i] = src[i]; break;
-            default: break;
-        }
+        const uint32_t first = size_ - idx;
+        piece(slots_ + idx, 0, first);
+        piece(slots_, first, n - first);
     }
 
-    static void TakeOut(T* src, T* dst, uint32_t n) {
+    // Copy loops unrolled by four: the common batch of a task's queue is a few dozen messages.
+    template <typename Step>
+    static void Unrolled(uint32_t n, Step step) {
         uint32_t i = 0;
         for (; i + 4 <= n; i += 4) {
-            Take(src[i], dst[i]);
-            Take(src[i + 1], dst[i + 1]);
-            Take(src[i + 2], dst[i + 2]);
-            Take(src[i + 3], dst[i + 3]);
+            step(i);
+            step(i + 1);
+            step(i + 2);
+            step(i + 3);
         }
         switch (n - i) {
-            case 3: Take(src[i + 2], dst[i + 2]); [[fallthrough]];
-            case 2: Take(src[i + 1], dst[i + 1]); [[fallthrough]];
-            case 1: Take(src[i], dst[i]); break;
+            case 3: step(i + 2); [[fallthrough]];
+            case 2: step(i + 1); [[fallthrough]];
+            case 1: step(i); break;
             default: break;
         }
     }
