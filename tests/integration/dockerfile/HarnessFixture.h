@@ -6,6 +6,7 @@
 #include <vector>
 
 #include "ModuleHarness.h"
+#include "framework/DataMessage.h"
 #include "filenotify/FileNotifyWatchMessage.h"
 #include "process_collect/AuditFileSystemCtrlMessage.h"
 
@@ -40,6 +41,22 @@ protected:
     std::vector<std::shared_ptr<Engine::AuditFileSystemCtrlMessage>> AuditRules() const {
         return Sent().Of<Engine::AuditFileSystemCtrlMessage>(kAuditTask);
     }
+    std::vector<std::shared_ptr<Framework::DataMessage>> Alarms() const {
+        return Sent().Of<Framework::DataMessage>(kReportTask);
+    }
+    /// Waits for the n-th alarm (1-based), checks its message type and parses it.
+    Json::Value WaitAlarm(size_t n) {
+        Json::Value doc;
+        if (!Sent().WaitCount<Framework::DataMessage>(kReportTask, n)) {
+            ADD_FAILURE() << "no alarm #" << n << "\n" << Logs().Dump();
+            return doc;
+        }
+        auto msg = Alarms()[n - 1];
+        EXPECT_EQ("2", msg->GetType());
+        EXPECT_TRUE(ParseJson(msg->GetData(), doc)) << msg->GetData();
+        return doc;
+    }
+
     /// Paths of the watch requests sent so far, add and remove alike.
     std::vector<std::string> WatchedPaths() const {
         std::vector<std::string> paths;

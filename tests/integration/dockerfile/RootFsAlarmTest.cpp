@@ -67,20 +67,6 @@ protected:
 
     std::string Host(const std::string& inContainer) const { return root.Path() + inContainer; }
 
-    std::vector<std::shared_ptr<Framework::DataMessage>> Alarms() const {
-        return Sent().Of<Framework::DataMessage>(kReportTask);
-    }
-    Json::Value WaitAlarm(size_t n) {
-        Json::Value doc;
-        if (!Sent().WaitCount<Framework::DataMessage>(kReportTask, n)) {
-            ADD_FAILURE() << "no alarm #" << n << "\n" << Logs().Dump();
-            return doc;
-        }
-        auto msg = Alarms()[n - 1];
-        EXPECT_EQ("2", msg->GetType());
-        EXPECT_TRUE(ParseJson(msg->GetData(), doc)) << msg->GetData();
-        return doc;
-    }
     /// A write event by this test process for a file named as the audit service would.
     void Write(const std::string& name, const std::string& key = "cid:c-elf") {
         harness.SendAuditEvent(key, {name}, true, false, std::to_string(getpid()),

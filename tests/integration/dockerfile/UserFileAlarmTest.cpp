@@ -24,21 +24,6 @@ protected:
         Logs().Clear();
     }
 
-    std::vector<std::shared_ptr<Framework::DataMessage>> Alarms() const {
-        return Sent().Of<Framework::DataMessage>(kReportTask);
-    }
-    /// Waits for the n-th alarm (1-based) and parses it.
-    Json::Value WaitAlarm(size_t n) {
-        Json::Value doc;
-        if (!Sent().WaitCount<Framework::DataMessage>(kReportTask, n)) {
-            ADD_FAILURE() << "no alarm #" << n << "\n" << Logs().Dump();
-            return doc;
-        }
-        auto msg = Alarms()[n - 1];
-        EXPECT_EQ("2", msg->GetType());
-        EXPECT_TRUE(ParseJson(msg->GetData(), doc)) << msg->GetData();
-        return doc;
-    }
     /// Sends an event that must not raise an alarm, and checks that none came.
     void ExpectNoAlarm(const std::string& path, uint32_t mask, uint64_t index) {
         const size_t before = Alarms().size();
