@@ -18,6 +18,7 @@
 #include "sdk/PathUtils.h"
 #include "sdk/ProcessUtils.h"
 #include "sdk/TimeUtils.h"
+#include "sdk/UniqueFd.h"
 
 namespace Engine {
 
@@ -79,9 +80,20 @@ bool IsElf(const std::string& path, bool& isElf) {
         TW_LOG(Log(), PRIO_WARNING, "Docker file path invalid: %s.", path);
         return false;
     }
-    // Non-blocking and checked on the opened file: a FIFO or device swapped in after the
-    // caller's checks neither hangs the task nor gets read.
-    const int fd = SDK::FileUtils::OpenRegularFileForRead(canonical);
+    // Looked at through an O_PATH handle first: a FIFO or device (or a link swapped in after
+    // resolving) is examined without being opened for reading, so it neither blocks the task
+    // nor gets read.
+    SDK::UniqueFd handle(SDK::FileUtils::OpenPathNoFollow(canonical));
+    struct stat st;
+    if (!handle.Valid() || fstat(handle.Get(), &st) != 0) {
+        TW_LOG(Log(), PRIO_WARNING, "Docker file open %s failed to check elf.", canonical);
+        return false;
+    }
+    if (!S_ISREG(st.st_mode)) {
+        isElf = false;
+        return true;
+    }
+    const int fd = SDK::FileUtils::ReopenForRead(handle.Get());
     FILE* file = fd >= 0 ? fdopen(fd, "r") : nullptr;
     if (file == nullptr) {
         if (fd >= 0) close(fd);

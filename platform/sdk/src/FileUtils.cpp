@@ -9,17 +9,14 @@
 
 #include <openssl/evp.h>
 
+#include "sdk/ContainerRoot.h"
+#include "sdk/RootConfinement.h"
+#include "sdk/UniqueFd.h"
+
 namespace SDK {
 
 namespace {
 constexpr size_t kReadChunk = 64 * 1024;
-
-struct FdCloser {
-    int fd;
-    ~FdCloser() {
-        if (fd >= 0) close(fd);
-    }
-};
 
 struct MdCtxFree {
     void operator()(EVP_MD_CTX* ctx) const { EVP_MD_CTX_free(ctx); }
@@ -37,27 +34,43 @@ std::string ToHex(const unsigned char* data, unsigned int len) {
 }
 }  // namespace
 
-int FileUtils::OpenRegularFileForRead(const std::string& path) {
-    // O_NONBLOCK: opening a FIFO that a hostile writer swapped in must not wait for a writer.
-    // O_NOFOLLOW: callers pass canonical paths, so a symbolic link found at the last component
-    // was swapped in after they resolved it, and must not lead the read to another file.
-    const int fd = open(path.c_str(), O_RDONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC | O_NOFOLLOW);
-    if (fd < 0) return -1;
-    struct stat st;
-    if (fstat(fd, &st) != 0 || !S_ISREG(st.st_mode)) {
-        close(fd);
-        return -1;
+int FileUtils::OpenPathNoFollow(const std::string& path) {
+    if (const std::string* root = RootConfinement::Current()) {
+        const ContainerRoot container(*root);
+        std::string inner;
+        if (!container.IsOpen() || !container.InnerOf(path, inner)) {
+            errno = EXDEV;
+            return -1;
+        }
+        return container.Open(inner, O_PATH, false);
     }
-    const int flags = fcntl(fd, F_GETFL);
-    if (flags >= 0) fcntl(fd, F_SETFL, flags & ~O_NONBLOCK);
-    return fd;
+    return open(path.c_str(), O_PATH | O_NOFOLLOW | O_CLOEXEC);
+}
+
+int FileUtils::ReopenForRead(int pathFd) {
+    // Reopening through /proc reaches the very inode the O_PATH descriptor holds, whatever the
+    // path names by now.
+    const std::string link = "/proc/self/fd/" + std::to_string(pathFd);
+    return open(link.c_str(), O_RDONLY | O_NOCTTY | O_CLOEXEC);
+}
+
+int FileUtils::OpenRegularFileForRead(const std::string& path) {
+    // O_PATH first: nothing is opened for reading until it is known to be a regular file, so
+    // a FIFO never blocks and a device is never opened. Callers pass canonical paths, so a
+    // symbolic link found at the last component was swapped in after they resolved it and is
+    // refused rather than followed.
+    UniqueFd handle(OpenPathNoFollow(path));
+    if (!handle.Valid()) return -1;
+    struct stat st;
+    if (fstat(handle.Get(), &st) != 0 || !S_ISREG(st.st_mode)) return -1;
+    return ReopenForRead(handle.Get());
 }
 
 bool FileUtils::GetFileSha256(const std::string& path, std::string& sha256, long maxSize) {
-    FdCloser file{OpenRegularFileForRead(path)};
-    if (file.fd < 0) return false;
+    UniqueFd file(OpenRegularFileForRead(path));
+    if (!file.Valid()) return false;
     struct stat st;
-    if (fstat(file.fd, &st) != 0) return false;
+    if (fstat(file.Get(), &st) != 0) return false;
     if (maxSize >= 0 && st.st_size > maxSize) return false;
 
     std::unique_ptr<EVP_MD_CTX, MdCtxFree> ctx(EVP_MD_CTX_new());
@@ -65,7 +78,7 @@ bool FileUtils::GetFileSha256(const std::string& path, std::string& sha256, long
     std::unique_ptr<unsigned char[]> buffer(new unsigned char[kReadChunk]);
     long total = 0;
     for (;;) {
-        const ssize_t n = read(file.fd, buffer.get(), kReadChunk);
+        const ssize_t n = read(file.Get(), buffer.get(), kReadChunk);
         if (n < 0) {
             if (errno == EINTR) continue;
             return false;

@@ -3,6 +3,9 @@
 #include <climits>
 #include <cstdlib>
 
+#include "sdk/ContainerRoot.h"
+#include "sdk/RootConfinement.h"
+
 namespace SDK {
 
 std::string PathUtils::GetFileNameFromPath(const std::string& path) {
@@ -13,6 +16,12 @@ std::string PathUtils::GetFileNameFromPath(const std::string& path) {
 
 std::string PathUtils::GetExistedCanonicalizePath(const std::string& path) {
     if (path.empty() || path.size() >= PATH_MAX) return std::string();
+    if (const std::string* root = RootConfinement::Current()) {
+        const ContainerRoot container(*root);
+        std::string inner;
+        if (!container.IsOpen() || !container.InnerOf(path, inner)) return std::string();
+        return container.Resolve(inner);
+    }
     char resolved[PATH_MAX + 1] = {0};
     if (realpath(path.c_str(), resolved) == nullptr) return std::string();
     return std::string(resolved);

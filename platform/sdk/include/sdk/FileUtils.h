@@ -11,10 +11,15 @@ public:
     /// refused instead of blocking. Refuses files larger than maxSize (maxSize < 0: no limit).
     /// Returns true and sets sha256 on success; false leaves sha256 unchanged.
     static bool GetFileSha256(const std::string& path, std::string& sha256, long maxSize);
-    /// Opens a canonical path for reading without blocking and without following it to anything
-    /// but a regular file (a symbolic link at the last component is refused): returns the fd
-    /// (O_CLOEXEC, blocking mode restored) or -1.
+    /// Opens a canonical path for reading when it is a regular file: never blocks, never opens
+    /// a device or FIFO, refuses a symbolic link at the last component. Returns the fd
+    /// (O_CLOEXEC) or -1. Inside a RootConfinement the path must lie below its root.
     static int OpenRegularFileForRead(const std::string& path);
+    /// An O_PATH descriptor of `path` itself (a link at the last component is not followed),
+    /// or -1. Inside a RootConfinement the path is resolved within its root, else refused.
+    static int OpenPathNoFollow(const std::string& path);
+    /// Opens the inode that the O_PATH descriptor `pathFd` holds for reading; fd or -1.
+    static int ReopenForRead(int pathFd);
 };
 
 }  // namespace SDK

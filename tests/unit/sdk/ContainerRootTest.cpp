@@ -1,0 +1,104 @@
+// Lookups inside a container's root against a real directory tree standing in for one: links
+// and ".." planted by the "container" must never lead to a host file.
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cstdlib>
+#include <fstream>
+#include <string>
+
+#include <gtest/gtest.h>
+
+#include "sdk/ContainerRoot.h"
+#include "sdk/FileUtils.h"
+#include "sdk/PathUtils.h"
+#include "sdk/RootConfinement.h"
+#include "sdk/UniqueFd.h"
+
+namespace {
+
+/// A host directory with a secret file, and beside it a "container root" with its own /etc.
+class ContainerRootTest : public ::testing::Test {
+protected:
+    void SetUp() override {
+        char templ[] = "/tmp/tarnwick-root-XXXXXX";
+        const char* made = ::mkdtemp(templ);
+        ASSERT_NE(nullptr, made);
+        host = made;
+        root = host + "/merged";
+        ASSERT_EQ(0, ::mkdir(root.c_str(), 0755));
+        ASSERT_EQ(0, ::mkdir((root + "/etc").c_str(), 0755));
+        ASSERT_EQ(0, ::mkdir((root + "/tmp").c_str(), 0755));
+        Write(host + "/secret", "host secret\n");
+        Write(root + "/etc/secret", "container secret\n");
+    }
+    void TearDown() override { std::system(("rm -rf '" + host + "'").c_str()); }
+
+    static void Write(const std::string& path, const std::string& text) {
+        std::ofstream(path, std::ios::binary) << text;
+    }
+    void Link(const std::string& target, const std::string& inner) {
+        ASSERT_EQ(0, ::symlink(target.c_str(), (root + inner).c_str()));
+    }
+
+    std::string host;
+    std::string root;
+};
+
+TEST_F(ContainerRootTest, LinksAndDotDotResolveInsideTheRoot) {
+    // Absolute links mean the container's root; relative ones cannot climb above it.
+    Link(host + "/secret", "/tmp/abs-host");
+    Link("/etc/secret", "/tmp/abs");
+    Link("../../../../../../secret", "/tmp/climb");
+    Link("/etc", "/tmp/etcdir");
+    const SDK::ContainerRoot container(root);
+    ASSERT_TRUE(container.IsOpen());
+    EXPECT_EQ(root + "/etc/secret", container.Resolve("/tmp/abs"));
+    EXPECT_EQ(root + "/etc/secret", container.Resolve("/../../../etc/secret"));
+    EXPECT_EQ(root + "/etc/secret", container.Resolve("tmp/etcdir/secret"));
+    EXPECT_EQ(root + "/tmp/abs", container.Resolve("/tmp/abs", false));
+    // Those lead to names the container does not have: nothing, never the host's file.
+    EXPECT_EQ("", container.Resolve("/tmp/abs-host"));
+    EXPECT_EQ("", container.Resolve("/tmp/climb"));
+    EXPECT_EQ("", container.Resolve("/missing"));
+}
+
+TEST_F(ContainerRootTest, InnerPathOfHostPaths) {
+    const SDK::ContainerRoot container(root + "/");
+    std::string inner;
+    ASSERT_TRUE(container.InnerOf(root + "/etc/secret", inner));
+    EXPECT_EQ("/etc/secret", inner);
+    ASSERT_TRUE(container.InnerOf(root, inner));
+    EXPECT_EQ("/", inner);
+    EXPECT_FALSE(container.InnerOf(root + "x/etc", inner));
+    EXPECT_FALSE(container.InnerOf(host + "/secret", inner));
+    EXPECT_FALSE(SDK::ContainerRoot("relative").IsOpen());
+}
+
+// Inside a confinement the helpers the module calls resolve within the root and refuse host
+// paths, even one that a host-side realpath produced by following a planted link.
+TEST_F(ContainerRootTest, ConfinementKeepsHelpersInsideTheRoot) {
+    Link("/etc", "/tmp/etcdir");
+    std::string sha;
+    {
+        SDK::RootConfinement scope(root);
+        EXPECT_EQ(root + "/etc/secret",
+                  SDK::PathUtils::GetExistedCanonicalizePath(root + "/tmp/etcdir/secret"));
+        EXPECT_EQ("", SDK::PathUtils::GetExistedCanonicalizePath(host + "/secret"));
+        EXPECT_EQ(-1, SDK::FileUtils::OpenRegularFileForRead(host + "/secret"));
+        EXPECT_FALSE(SDK::FileUtils::GetFileSha256(host + "/secret", sha, -1));
+        ASSERT_TRUE(SDK::FileUtils::GetFileSha256(root + "/tmp/etcdir/secret", sha, -1));
+        {
+            SDK::RootConfinement none("");
+            EXPECT_EQ(root, *SDK::RootConfinement::Current());
+        }
+    }
+    EXPECT_EQ(nullptr, SDK::RootConfinement::Current());
+    std::string direct;
+    ASSERT_TRUE(SDK::FileUtils::GetFileSha256(root + "/etc/secret", direct, -1));
+    EXPECT_EQ(direct, sha);
+    SDK::UniqueFd fd(SDK::FileUtils::OpenRegularFileForRead(host + "/secret"));
+    EXPECT_TRUE(fd.Valid());
+}
+
+}  // namespace
