@@ -9,8 +9,14 @@ cmake --install build >/dev/null || { echo "e2e: install failed" >&2; exit 1; }
 bash scripts/dockerd.sh start || exit 1
 bash scripts/dockerd.sh image || exit 1
 source scripts/lib/agent-run.sh
-# shellcheck source=tests/e2e/cases.sh
-source tests/e2e/cases.sh
+# Every tests/e2e/cases*.sh defines case_X functions and adds its names to E2E_CASES.
+E2E_CASES=""
+for cases in tests/e2e/cases*.sh; do
+  # shellcheck source=/dev/null
+  source "$cases"
+done
+# E2E_ONLY="a b" runs just those cases (for a developer's quick loop).
+[ -n "${E2E_ONLY:-}" ] && E2E_CASES=$E2E_ONLY
 
 PASSED=0
 FAILED=0

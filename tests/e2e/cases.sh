@@ -1,7 +1,7 @@
 # End-to-end cases, sourced by scripts/e2e.sh. Each case_X runs with its own agent in $WORK;
 # helpers come from scripts/lib/agent-run.sh. A case fails by returning non-zero (set -e).
 
-E2E_CASES="user_file_operations replaced_by_rename elf_dropped unprotected_image
+E2E_CASES="$E2E_CASES user_file_operations replaced_by_rename elf_dropped unprotected_image
            started_before_agent policy_change exit_withdraws sigterm_cleanup"
 
 ALARMS() { echo "$WORK/alarms.jsonl"; }
