@@ -1,12 +1,81 @@
 #include "sdk/ProcessUtils.h"
 
+#include <time.h>
+#include <unistd.h>
+
+#include <cstdlib>
+#include <deque>
 #include <fstream>
+#include <mutex>
 #include <sstream>
+#include <unordered_map>
 
 namespace SDK {
 
 namespace {
 constexpr size_t kContainerIdLength = 64;
+constexpr size_t kMaxCaptured = 16384;
+
+struct Capture {
+    std::string id;
+    unsigned long long startTicks = 0;  // 0: the process was gone when captured
+    unsigned long long capturedTicks = 0;
+};
+
+// What CaptureProcess saw, by pid, oldest first in `order`.
+struct CaptureTable {
+    std::mutex mutex;  // guards everything below
+    std::unordered_map<int, Capture> byPid;
+    std::deque<int> order;
+};
+
+CaptureTable& Captures() {
+    static CaptureTable table;
+    return table;
+}
+
+// Clock ticks since boot, the unit of a process's start time in /proc/<pid>/stat.
+unsigned long long NowTicks() {
+    struct timespec ts {};
+    clock_gettime(CLOCK_BOOTTIME, &ts);
+    const long hz = sysconf(_SC_CLK_TCK);
+    return static_cast<unsigned long long>(ts.tv_sec) * static_cast<unsigned long long>(hz) +
+           static_cast<unsigned long long>(ts.tv_nsec) / (1000000000ULL / static_cast<unsigned long long>(hz));
+}
+
+// The start time of `pid` (field 22 of /proc/<pid>/stat); false when it does not run.
+bool StartTicks(int pid, unsigned long long& ticks) {
+    std::ifstream file("/proc/" + std::to_string(pid) + "/stat");
+    std::string text;
+    if (!file || !std::getline(file, text)) return false;
+    // The command name may hold blanks and parentheses: fields count from its last ')'.
+    const size_t close = text.rfind(')');
+    if (close == std::string::npos) return false;
+    std::istringstream fields(text.substr(close + 1));
+    std::string field;
+    for (int i = 3; i <= 22; ++i) {
+        if (!(fields >> field)) return false;
+    }
+    ticks = std::strtoull(field.c_str(), nullptr, 10);
+    return true;
+}
+
+std::string LiveContainerId(int pid) {
+    std::ifstream file("/proc/" + std::to_string(pid) + "/cgroup");
+    if (!file) return std::string();
+    std::stringstream text;
+    text << file.rdbuf();
+    return ProcessUtils::ParseContainerIdFromCgroup(text.str());
+}
+
+bool FindCapture(int pid, Capture& out) {
+    CaptureTable& table = Captures();
+    std::lock_guard<std::mutex> lock(table.mutex);
+    auto it = table.byPid.find(pid);
+    if (it == table.byPid.end()) return false;
+    out = it->second;
+    return true;
+}
 
 bool IsHex64(const std::string& text, size_t pos) {
     if (pos + kContainerIdLength > text.size()) return false;
@@ -51,12 +120,46 @@ std::string ProcessUtils::ParseContainerIdFromCgroup(const std::string& cgroupTe
 
 void ProcessUtils::GetContainerID(int pid, std::string& containerId) {
     if (pid <= 0) return;
-    std::ifstream file("/proc/" + std::to_string(pid) + "/cgroup");
-    if (!file) return;
-    std::stringstream text;
-    text << file.rdbuf();
-    const std::string id = ParseContainerIdFromCgroup(text.str());
-    if (!id.empty()) containerId = id;
+    Capture capture;
+    const bool captured = FindCapture(pid, capture);
+    unsigned long long start = 0;
+    const bool running = StartTicks(pid, start);
+    // A process that started after the capture got a reused pid: the capture speaks for ours.
+    if (running && (!captured || start <= capture.capturedTicks)) {
+        const std::string id = LiveContainerId(pid);
+        if (!id.empty()) {
+            containerId = id;
+            return;
+        }
+    }
+    if (captured && !capture.id.empty()) containerId = capture.id;
+}
+
+void ProcessUtils::CaptureProcess(int pid, const std::string& fallbackId) {
+    if (pid <= 0) return;
+    Capture capture;
+    capture.capturedTicks = NowTicks();
+    if (StartTicks(pid, capture.startTicks)) {
+        capture.id = LiveContainerId(pid);
+    } else {
+        capture.startTicks = 0;
+        capture.id = fallbackId;
+    }
+    CaptureTable& table = Captures();
+    std::lock_guard<std::mutex> lock(table.mutex);
+    auto it = table.byPid.find(pid);
+    if (it != table.byPid.end()) {
+        // Keep what the live process said over a later guess for the same process.
+        if (capture.startTicks == 0 && it->second.startTicks != 0) return;
+        it->second = capture;
+        return;
+    }
+    if (table.byPid.size() >= kMaxCaptured) {
+        table.byPid.erase(table.order.front());
+        table.order.pop_front();
+    }
+    table.byPid.emplace(pid, capture);
+    table.order.push_back(pid);
 }
 
 }  // namespace SDK

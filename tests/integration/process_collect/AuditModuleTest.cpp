@@ -155,6 +155,8 @@ protected:
         keyPrefix_ = "cid:twtest-" + std::to_string(::getpid()) + "-";
         SDK::ConfigUtils::Set("audit.settle_ms", "200");
         SDK::ConfigUtils::Set("audit.max_delay_ms", "4000");
+        SDK::ConfigUtils::Set("audit.rule_check_ms", "200");
+        SDK::ConfigUtils::Set("audit.state_file", dir_ + "/state/audit-rules.json");
         recorderModule_ = new RecorderModule();
         recorder_ = new RecorderTask();
         recorder_->duplicate();  // our own reference, released in TearDown
@@ -300,13 +302,36 @@ TEST_F(AuditModuleTest, UnsubscribeDeletesTheSubscribersRules) {
         << AuditRules();
 }
 
+// Only what an earlier run of the agent remembered adding goes; another tool's rule stays.
 TEST_F(AuditModuleTest, RulesLeftByAnEarlierRunAreDeletedAtStart) {
     const std::string stale = MakeDir("stale");
     const std::string key = keyPrefix_ + "stale";
+    const std::string foreign = keyPrefix_ + "foreign";
     Shell("auditctl -w " + stale + " -p wa -k " + key + " >/dev/null 2>&1");
+    Shell("auditctl -w " + stale + " -p wa -k " + foreign + " >/dev/null 2>&1");
     ASSERT_TRUE(HasRuleWithKey(key)) << AuditRules();
+    Shell("mkdir -p " + dir_ + "/state && printf '[{\"path\":\"" + stale +
+          "\",\"perms\":\"wa\",\"key\":\"" + key +
+          "\",\"directory\":true}]' > " + dir_ + "/state/audit-rules.json");
     StartModule();
     EXPECT_FALSE(HasRuleWithKey(key)) << AuditRules();
+    EXPECT_TRUE(HasRuleWithKey(foreign)) << AuditRules();
+    EXPECT_EQ(0u, ReadAll(dir_ + "/state/audit-rules.json").find("[]"));
+}
+
+TEST_F(AuditModuleTest, RuleRemovedBehindTheAgentsBackIsAddedAgain) {
+    StartModule();
+    const std::string root = MakeDir("repaired");
+    const std::string key = keyPrefix_ + "repaired";
+    Request("-w", root, key);
+    ASSERT_TRUE(WaitFor([&] { return HasRuleWithKey(key); })) << AuditRules();
+    EXPECT_NE(std::string::npos, ReadAll(dir_ + "/state/audit-rules.json").find(key));
+    auto& restored = Framework::Counters::Instance().Get("audit.rules.restored");
+    const uint64_t before = restored.load();
+    Shell("auditctl -W " + root + " -p wa -k " + key + " >/dev/null 2>&1");
+    ASSERT_FALSE(HasRuleWithKey(key)) << AuditRules();
+    EXPECT_TRUE(WaitFor([&] { return HasRuleWithKey(key); })) << AuditRules();
+    EXPECT_EQ(before + 1, restored.load());
 }
 
 TEST_F(AuditModuleTest, BadRuleRequestsAreDroppedAndTheTaskGoesOn) {

@@ -245,6 +245,43 @@ TEST_F(Building, WatchedRootOfTheKeyDecidesWhatIsContainerRelative) {
     EXPECT_EQ("/srv/c1/merged/srv/c1/mergedX/z", ev.paths[2].name);
 }
 
+// rename(2) and link(2) list the directories and the old name before the new one; the name
+// the call created must come first, since that is the file a consumer looks at.
+TEST_F(Building, CreatedNameComesFirstDirectoriesLast) {
+    const char* const kRename =
+        "arch=c000003e syscall=82 success=yes exit=0 items=4 ppid=1 pid=2 comm=\"dpkg\" "
+        "key=\"cid:k\"";
+    auto ev = Build({Record(1300, 1, kRename), Record(1307, 1, "cwd=\"/\""),
+                     Record(1302, 1, "item=0 name=\"/usr/bin/\" nametype=PARENT"),
+                     Record(1302, 1, "item=1 name=\"/usr/bin/\" nametype=PARENT"),
+                     Record(1302, 1, "item=2 name=\"/usr/bin/tree.dpkg-new\" nametype=DELETE"),
+                     Record(1302, 1, "item=3 name=\"/usr/bin/tree\" nametype=CREATE")},
+                    {"/r"});
+    ASSERT_EQ(4u, ev.paths.size());
+    EXPECT_EQ("/r/usr/bin/tree", ev.paths[0].name);
+    EXPECT_EQ("/r/usr/bin/tree.dpkg-new", ev.paths[1].name);
+    EXPECT_EQ("PARENT", ev.paths[3].nametype);
+    EXPECT_TRUE(ev.write);
+    EXPECT_FALSE(ev.opened);
+    EXPECT_TRUE(ev.containerView);
+
+    const char* const kLink =
+        "arch=c000003e syscall=86 success=yes exit=0 items=3 ppid=1 pid=2 comm=\"ln\" "
+        "key=\"cid:k\"";
+    ev = Build({Record(1300, 2, kLink), Record(1307, 2, "cwd=\"/r\""),
+                Record(1302, 2, "item=0 name=\"/r/bin/true\" nametype=NORMAL"),
+                Record(1302, 2, "item=1 name=\"/r/usr/bin/\" nametype=PARENT"),
+                Record(1302, 2, "item=2 name=\"/r/usr/bin/t2\" nametype=CREATE")},
+               {"/r"});
+    ASSERT_EQ(3u, ev.paths.size());
+    EXPECT_EQ("/r/usr/bin/t2", ev.paths[0].name);
+    EXPECT_EQ("/r/bin/true", ev.paths[1].name);
+    EXPECT_FALSE(ev.containerView);
+
+    ev = Build({Record(1300, 3, kSyscall), Record(1302, 3, "item=0 name=\"/r/f\"")}, {"/r"});
+    EXPECT_TRUE(ev.opened);
+}
+
 TEST_F(Building, WithoutSyscallRecordOrNumberNothingIsBuilt) {
     JoinedAuditEvent event;
     event.records.push_back(Record(1302, 1, "item=0 name=\"/a\""));

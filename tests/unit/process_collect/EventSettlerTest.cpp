@@ -9,7 +9,7 @@ using Engine::EventSettler;
 
 namespace {
 
-// A file system of our own: the test changes sizes, the settler sees them.
+// A file system of our own: the test changes sizes and inodes, the settler sees them.
 class SettlerTest : public ::testing::Test {
 protected:
     static constexpr uint64_t kSettle = 300;
@@ -22,14 +22,29 @@ protected:
               if (it == files.end()) return state;
               state.exists = true;
               state.size = it->second;
+              state.ino = Inode(path);
               return state;
           }) {}
 
+    uint64_t Inode(const std::string& path) {
+        auto it = inodes.find(path);
+        return it != inodes.end() ? it->second : std::hash<std::string>()(path);
+    }
+    EventSettler::FileState Closing(const std::string& path) {
+        EventSettler::FileState state;
+        state.exists = true;
+        state.size = files[path];
+        state.ino = Inode(path);
+        return state;
+    }
+
+    /// A write that opened its file (open, openat, creat); `opened` false: rename, link...
     EventSettler::EventPtr Write(const std::string& path, const std::string& key = "cid:k",
-                                 const std::string& pid = "1") {
+                                 const std::string& pid = "1", bool opened = true) {
         EventSettler::EventPtr event(new AuditEventMessage());
         event->key = key;
         event->syscall->write = true;
+        event->syscall->opened = opened;
         event->syscall->pid = pid;
         Engine::AuditLogPath item;
         item.name = path;
@@ -44,6 +59,7 @@ protected:
     }
 
     std::map<std::string, int64_t> files;
+    std::map<std::string, uint64_t> inodes;  // when two names must be one file
     EventSettler settler;
     std::vector<EventSettler::EventPtr> early;
 };
@@ -71,11 +87,59 @@ TEST_F(SettlerTest, FileThatNeverSettlesIsReleasedAtTheMaximumDelay) {
     EXPECT_EQ(1u, Poll(kMaxDelay).size());
 }
 
-TEST_F(SettlerTest, VanishedFileIsReleasedAtOnce) {
+// Renamed away or deleted before its writer was done: nothing stale reaches the consumer.
+TEST_F(SettlerTest, VanishedFileYieldsNothing) {
     files["/f"] = 1;
     settler.Hold(Write("/f"), 0, early);
     files.erase("/f");
-    EXPECT_EQ(1u, Poll(1).size());
+    EXPECT_TRUE(Poll(1).empty());
+    EXPECT_EQ(0u, settler.Held());
+    EXPECT_EQ(1u, settler.Vanished());
+}
+
+TEST_F(SettlerTest, WriterClosingReleasesAtOnceWhicheverTheKernelReportsFirst) {
+    files["/a"] = 0;
+    settler.Hold(Write("/a"), 0, early);
+    files["/a"] = 4096;
+    files["/b"] = 10;
+    std::vector<EventSettler::EventPtr> out;
+    settler.Closed(Closing("/a"), 5, out);
+    ASSERT_EQ(1u, out.size());
+    EXPECT_EQ("/a", out[0]->syscall->paths[0].name);
+    // The close came before the open's report: released as it arrives...
+    settler.Closed(Closing("/b"), 6, out);
+    settler.Hold(Write("/b"), 7, early);
+    ASSERT_EQ(1u, early.size());
+    // ...unless the file was written again since, or the close is long forgotten.
+    files["/b"] = 11;
+    settler.Hold(Write("/b"), 8, early);
+    files["/c"] = 1;
+    settler.Closed(Closing("/c"), 10, out);
+    settler.Hold(Write("/c"), 5000, early);
+    EXPECT_EQ(1u, early.size());
+    EXPECT_EQ(2u, settler.Held());
+}
+
+// dpkg and editors write NAME.tmp, then rename it: the rename is reported under the new name
+// at once, or, while the writer still has the file open, waits for it under that name.
+TEST_F(SettlerTest, RenameIsReleasedAtOnceOrTakesOverAnOpenHold) {
+    files["/bin/t"] = 3;
+    settler.Hold(Write("/bin/t", "cid:k", "1", false), 0, early);
+    ASSERT_EQ(1u, early.size());
+    early.clear();
+
+    files["/bin/u.new"] = 0;
+    inodes["/bin/u.new"] = inodes["/bin/u"] = 42;
+    settler.Hold(Write("/bin/u.new"), 0, early);
+    files.erase("/bin/u.new");
+    files["/bin/u"] = 100;
+    settler.Hold(Write("/bin/u", "cid:k", "2", false), 10, early);
+    EXPECT_TRUE(early.empty());
+    std::vector<EventSettler::EventPtr> out;
+    settler.Closed(Closing("/bin/u"), 20, out);
+    ASSERT_EQ(1u, out.size());
+    EXPECT_EQ("/bin/u", out[0]->syscall->paths[0].name);
+    EXPECT_EQ(0u, settler.Vanished());
 }
 
 TEST_F(SettlerTest, RepeatedWritesOfOnePathAreMergedAndKeepTheFirstDeadline) {

@@ -2,6 +2,7 @@
 #include <fcntl.h>
 #include <limits.h>
 #include <sys/stat.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <cstdio>
@@ -158,6 +159,29 @@ TEST(Logging, LevelNamesAndUuids) {
     const std::string a = SDK::CryptoCodeUtils::GenerateUUID();
     EXPECT_EQ(a.size(), 36u);
     EXPECT_NE(a, SDK::CryptoCodeUtils::GenerateUUID());
+}
+
+}  // namespace
+
+namespace {
+
+// Short-lived writers are gone before an alarm asks who they were: the capture answers for
+// them, while a live process outside any container is never given a guessed container.
+TEST(ContainerOfProcess, CapturedProcessIsNamedAfterItExited) {
+    const pid_t child = ::fork();
+    if (child == 0) ::_exit(0);
+    ASSERT_GT(child, 0);
+    ASSERT_EQ(child, ::waitpid(child, nullptr, 0));
+    const std::string guess(64, 'a');
+    SDK::ProcessUtils::CaptureProcess(child, guess);
+    std::string id;
+    SDK::ProcessUtils::GetContainerID(child, id);
+    EXPECT_EQ(guess, id);
+
+    SDK::ProcessUtils::CaptureProcess(::getpid(), std::string(64, 'b'));
+    id.clear();
+    SDK::ProcessUtils::GetContainerID(::getpid(), id);
+    EXPECT_EQ("", id);
 }
 
 }  // namespace

@@ -50,13 +50,24 @@ long OpenFlags(const std::string& syscallName, const AuditRecord& syscall,
     return flags;
 }
 
-std::string HostPath(const std::string& path, const std::vector<std::string>& roots) {
+// Container-relative names (the process's root is the watched root) get the root as prefix.
+std::string HostPath(const std::string& path, const std::vector<std::string>& roots,
+                     bool& containerView) {
+    containerView = false;
     if (roots.empty() || path.empty() || path.front() != '/') return path;
     for (const auto& root : roots) {
         if (AuditEventBuilder::IsUnder(path, StripTrailingSlash(root))) return path;
     }
+    containerView = true;
     const std::string root = StripTrailingSlash(roots.front());
     return root == "/" ? path : root + path;
+}
+
+// Created names first, other names next, the directories of the names last.
+int ItemRank(const std::string& nametype) {
+    if (nametype == "CREATE") return 0;
+    if (nametype == "PARENT") return 2;
+    return 1;
 }
 }  // namespace
 
@@ -125,25 +136,30 @@ bool AuditEventBuilder::Build(const JoinedAuditEvent& event,
     out.exe = Untrusted(*syscall, "exe");
     out.cwd = cwd;
     const std::string name = SyscallClass::Name(static_cast<unsigned int>(arch), out.syscall);
+    out.opened = SyscallClass::OpenFlagsArgument(name) >= 0 || name == "creat";
     SyscallClass::Classify(static_cast<unsigned int>(arch), out.syscall,
                            OpenFlags(name, *syscall, event.records), out.write, out.attr);
 
-    std::vector<AuditLogPath> files;
-    std::vector<AuditLogPath> parents;
+    std::vector<AuditLogPath> ranked[3];
     for (const auto& record : event.records) {
         if (record.type != AuditRecordType::kPath) continue;
         bool isNull = false;
         const std::string itemName = Untrusted(record, "name", &isNull);
         if (isNull || itemName.empty()) continue;  // overlay copy-up and anonymous items
         AuditLogPath item;
-        item.name = HostPath(StripTrailingSlash(JoinCwd(cwd, itemName)), watchedRoots);
+        bool containerView = false;
+        item.name =
+            HostPath(StripTrailingSlash(JoinCwd(cwd, itemName)), watchedRoots, containerView);
+        out.containerView = out.containerView || containerView;
         item.nametype = record.Raw("nametype");
         item.inode = record.Raw("inode");
         item.mode = record.Raw("mode");
-        (item.nametype == "PARENT" ? parents : files).push_back(std::move(item));
+        ranked[ItemRank(item.nametype)].push_back(std::move(item));
     }
-    out.paths = std::move(files);
-    out.paths.insert(out.paths.end(), parents.begin(), parents.end());
+    out.paths.clear();
+    for (auto& items : ranked) {
+        for (auto& item : items) out.paths.push_back(std::move(item));
+    }
     return true;
 }
 

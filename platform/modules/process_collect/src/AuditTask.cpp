@@ -5,15 +5,18 @@
 #include <algorithm>
 #include <cerrno>
 #include <chrono>
+#include <cstdlib>
 #include <cstring>
 
 #include "framework/Counters.h"
 #include "framework/TaskCondition.h"
 #include "process_collect/AuditEventBuilder.h"
+#include "process_collect/AuditPathResolver.h"
 #include "process_collect/AuditRecordParser.h"
 #include "sdk/ConfigUtils.h"
 #include "sdk/Log.h"
 #include "sdk/LoggerUtils.h"
+#include "sdk/ProcessUtils.h"
 
 namespace Engine {
 
@@ -33,6 +36,8 @@ constexpr int64_t kDefaultSettleMs = 300;
 constexpr int64_t kDefaultMaxDelayMs = 5000;
 constexpr int64_t kDefaultBacklog = 8192;
 constexpr int64_t kDefaultLostPollMs = 1000;
+constexpr int64_t kDefaultRuleCheckMs = 1000;
+constexpr const char* kDefaultLedger = "/var/lib/tarnwick/audit-rules.json";
 
 constexpr const char* kCounterLost = "audit.lost";
 constexpr const char* kCounterOverrun = "audit.socket_overrun";
@@ -41,6 +46,10 @@ constexpr const char* kCounterEvicted = "audit.events.evicted";
 constexpr const char* kCounterPathless = "audit.events.pathless";
 constexpr const char* kCounterSettleOverflow = "audit.settle.overflow";
 constexpr const char* kCounterRejected = "audit.rules.rejected";
+constexpr const char* kCounterRestored = "audit.rules.restored";
+constexpr const char* kCounterUnresolved = "audit.events.unresolved";
+constexpr const char* kCounterVanished = "audit.settle.vanished";
+constexpr const char* kCounterCloseOverflow = "audit.close_events.overflow";
 
 uint64_t NowMs() {
     return static_cast<uint64_t>(std::chrono::duration_cast<std::chrono::milliseconds>(
@@ -67,7 +76,8 @@ AuditTask::AuditTask()
     : Framework::Task(kTaskName, "process_collect", Framework::TaskCondition::TASK_TYPE_MESSAGE,
                       kQueueCapacity),
       malformedLog_(kLogIntervalMs),
-      lostLog_(kLogIntervalMs) {}
+      lostLog_(kLogIntervalMs),
+      ruleLog_(kLogIntervalMs) {}
 
 AuditTask::~AuditTask() = default;
 
@@ -78,6 +88,10 @@ int AuditTask::Init() {
     const uint64_t maxDelayMs =
         static_cast<uint64_t>(Setting("audit.max_delay_ms", kDefaultMaxDelayMs, 0));
     lostPollMs_ = static_cast<uint64_t>(Setting("audit.lost_poll_ms", kDefaultLostPollMs, 10));
+    ruleCheckMs_ =
+        static_cast<uint64_t>(Setting("audit.rule_check_ms", kDefaultRuleCheckMs, 100));
+    ledger_.reset(
+        new AuditRuleLedger(SDK::ConfigUtils::GetString("audit.state_file", kDefaultLedger)));
     settler_.reset(new EventSettler(settleMs, maxDelayMs, kMaxHeldWrites, EventSettler::StatFn()));
     joiner_.reset(new AuditEventJoiner(kMaxPendingEvents, kMaxRecordsPerEvent, kStaleEventMs,
                                        [this](const AuditRecord& record) {
@@ -92,6 +106,14 @@ int AuditTask::Init() {
         TW_LOG(logger_, PRIO_ERROR, "Audit task cannot read audit events: %s", error);
     } else {
         GetEventWaiter().AddFd(events_.Fd(), [this](int, uint32_t) { OnReadable(); });
+    }
+    if (!closes_.Open(error)) {
+        TW_LOG(logger_, PRIO_WARNING,
+               "Audit task cannot see writers close files (%s); writes are delivered after a "
+               "quiet period instead",
+               error);
+    } else {
+        GetEventWaiter().AddFd(closes_.Fd(), [this](int, uint32_t) { OnClosesReadable(); });
     }
     TW_LOG(logger_, PRIO_INFORMATION, "Audit task started (settle %lu ms, max delay %lu ms)",
            static_cast<unsigned long>(settleMs), static_cast<unsigned long>(maxDelayMs));
@@ -132,12 +154,41 @@ void AuditTask::SetUpAudit() {
     }
     lastLost_ = status.lost;
     lostKnown_ = true;
-    const int stale = client_.DeleteWatchesWithKeyPrefix(kOwnedKeyPrefix, error);
-    if (stale < 0) {
-        TW_LOG(logger_, PRIO_WARNING, "Audit task cannot list old rules: %s", error);
-    } else if (stale > 0) {
-        TW_LOG(logger_, PRIO_INFORMATION, "Audit task deleted %d watch rules of an earlier run",
-               stale);
+    DeleteLeftoverRules();
+}
+
+void AuditTask::DeleteLeftoverRules() {
+    std::vector<AuditWatchRule> leftovers;
+    std::string error;
+    if (!ledger_->Load(leftovers, error)) {
+        TW_LOG(logger_, PRIO_WARNING, "Audit task cannot read the rules of an earlier run: %s",
+               error);
+        return;
+    }
+    int deleted = 0;
+    for (const auto& rule : leftovers) {
+        if (client_.DeleteWatch(rule) == 0) ++deleted;
+    }
+    if (!leftovers.empty()) {
+        TW_LOG(logger_, PRIO_INFORMATION,
+               "Audit task deleted %d of the %z watch rules an earlier run left in %s", deleted,
+               leftovers.size(), ledger_->Path());
+    }
+    SaveLedger();
+}
+
+void AuditTask::SaveLedger() {
+    if (!ledger_) return;
+    std::vector<AuditWatchRule> rules;
+    for (const auto& entry : rules_) rules.push_back(entry.rule);
+    std::string error;
+    if (!ledger_->Save(rules, error)) {
+        uint64_t suppressed = 0;
+        if (ruleLog_.Allow(suppressed)) {
+            TW_LOG(logger_, PRIO_WARNING,
+                   "Audit task cannot remember its rules (a restart would leave them): %s",
+                   error);
+        }
     }
 }
 
@@ -147,6 +198,8 @@ void AuditTask::UnInit() {
     DeliverAll(held);
     for (const auto& entry : rules_) DeleteEntry(entry);
     rules_.clear();
+    SaveLedger();
+    if (closes_.IsOpen()) GetEventWaiter().RemoveFd(closes_.Fd());
     if (events_.Fd() >= 0) GetEventWaiter().RemoveFd(events_.Fd());
     events_.Close();
     client_.Close();
@@ -165,7 +218,11 @@ int AuditTask::Run() {
 
 void AuditTask::Housekeeping(uint64_t nowMs) {
     std::vector<EventSettler::EventPtr> ready;
+    const uint64_t vanishedBefore = settler_->Vanished();
     settler_->Poll(nowMs, ready);
+    if (settler_->Vanished() != vanishedBefore) {
+        Framework::Counters::Instance().Add(kCounterVanished, settler_->Vanished() - vanishedBefore);
+    }
     DeliverAll(ready);
     if (nowMs - lastFlushMs_ >= kStaleEventMs / 2) {
         lastFlushMs_ = nowMs;
@@ -176,6 +233,38 @@ void AuditTask::Housekeeping(uint64_t nowMs) {
     if (nowMs - lastLostPollMs_ >= lostPollMs_) {
         lastLostPollMs_ = nowMs;
         PollLostCounter();
+    }
+    if (nowMs - lastRuleCheckMs_ >= ruleCheckMs_) {
+        lastRuleCheckMs_ = nowMs;
+        VerifyRules();
+    }
+}
+
+void AuditTask::VerifyRules() {
+    if (rules_.empty() || !client_.IsOpen()) return;
+    std::vector<AuditWatchRule> present;
+    std::string error;
+    if (!client_.ListWatches("", present, error)) return;
+    for (const auto& entry : rules_) {
+        bool found = false;
+        for (const auto& rule : present) found = found || rule.SameRule(entry.rule);
+        if (found) continue;
+        // A root that is gone belongs to a container on its way out: its exit will follow.
+        struct stat st {};
+        if (::stat(entry.rule.path.c_str(), &st) != 0) continue;
+        const int rc = client_.AddWatch(entry.rule);
+        if (rc != 0 && rc != -EEXIST) {
+            uint64_t suppressed = 0;
+            if (ruleLog_.Allow(suppressed)) {
+                TW_LOG(logger_, PRIO_WARNING, "Audit rule %s is gone and cannot be added again: %s",
+                       RuleText(entry.rule), std::string(std::strerror(-rc)));
+            }
+            continue;
+        }
+        Framework::Counters::Instance().Add(kCounterRestored);
+        TW_LOG(logger_, PRIO_WARNING,
+               "Audit rule %s was removed behind the agent's back; added again",
+               RuleText(entry.rule));
     }
 }
 
@@ -214,6 +303,37 @@ void AuditTask::OnReadable() {
                "logged)",
                static_cast<unsigned long>(suppressed));
     }
+}
+
+void AuditTask::OnClosesReadable() {
+    std::vector<CloseWriteWatcher::Closed> closed;
+    uint64_t overflows = 0;
+    closes_.Read(closed, overflows);
+    if (overflows > 0) {
+        Framework::Counters::Instance().Add(kCounterCloseOverflow, overflows);
+        uint64_t suppressed = 0;
+        if (lostLog_.Allow(suppressed)) {
+            TW_LOG(logger_, PRIO_WARNING,
+                   "Close-write queue overflowed: held writes wait for their quiet period (%lu "
+                   "reports not logged)",
+                   static_cast<unsigned long>(suppressed));
+        }
+    }
+    const uint64_t now = NowMs();
+    std::vector<EventSettler::EventPtr> ready;
+    for (const auto& file : closed) {
+        EventSettler::FileState state;
+        state.exists = true;
+        state.size = file.size;
+        state.mtimeNs = file.mtimeNs;
+        state.dev = file.dev;
+        state.ino = file.ino;
+        const std::size_t before = ready.size();
+        settler_->Closed(state, now, ready);
+        // The writer is still known to the kernel while it closes: remember its container.
+        if (ready.size() != before) SDK::ProcessUtils::CaptureProcess(file.pid);
+    }
+    DeliverAll(ready);
 }
 
 void AuditTask::OnRecord(int type, const char* text, std::size_t len) {
@@ -266,6 +386,18 @@ void AuditTask::HandleJoined(std::vector<JoinedAuditEvent>& events) {
                        static_cast<unsigned long>(joined.serial), key);
                 continue;
             }
+            CaptureWriters(*event->syscall, key);
+            const RuleEntry* entry = EntryOf(key);
+            if (entry != nullptr && entry->root && entry->root->IsOpen()) {
+                if (!AuditPathResolver::Resolve(*entry->root, *event->syscall)) {
+                    Framework::Counters::Instance().Add(kCounterUnresolved);
+                    TW_LOG(logger_, PRIO_DEBUG,
+                           "Audit event %lu of key %s names nothing that exists in its root",
+                           static_cast<unsigned long>(joined.serial), key);
+                    continue;
+                }
+                event->root = entry->root->Path();
+            }
             if (!event->syscall->write) {
                 Deliver(std::move(event));
                 continue;
@@ -307,6 +439,24 @@ void AuditTask::Deliver(std::unique_ptr<AuditEventMessage> event) {
         copy->syscall = std::make_shared<AuditLogSyscall>(*event->syscall);
         SendDirectMsg(subscribers[i], copy);
     }
+}
+
+void AuditTask::CaptureWriters(const AuditLogSyscall& syscall, const std::string& key) const {
+    // A name spelt from the container's root means the writer saw that root as "/": when it has
+    // already exited, that container is the best that can be said of it.
+    std::string guess;
+    if (syscall.containerView && key.compare(0, 4, kContainerKeyPrefix) == 0) {
+        guess = key.substr(4);
+    }
+    SDK::ProcessUtils::CaptureProcess(std::atoi(syscall.pid.c_str()), guess);
+    SDK::ProcessUtils::CaptureProcess(std::atoi(syscall.ppid.c_str()));
+}
+
+const AuditTask::RuleEntry* AuditTask::EntryOf(const std::string& key) const {
+    for (const auto& entry : rules_) {
+        if (entry.rule.key == key) return &entry;
+    }
+    return nullptr;
 }
 
 bool AuditTask::IsOwnedKey(const std::string& key) const {
@@ -368,7 +518,21 @@ void AuditTask::AddRule(const AuditFileSystemCtrlMessage& msg) {
                std::string(std::strerror(-rc)));
         return;
     }
-    rules_.push_back(RuleEntry{rule, subscriber});
+    RuleEntry entry{rule, subscriber, nullptr, false};
+    if (rule.directory) {
+        entry.root = std::make_shared<SDK::ContainerRoot>(rule.path);
+        if (closes_.IsOpen()) {
+            entry.closeMarked = closes_.Mark(rule.path, error);
+            if (!entry.closeMarked) {
+                TW_LOG(logger_, PRIO_INFORMATION,
+                       "Audit rule %s: writers' closes not visible (%s); writes wait for a quiet "
+                       "period",
+                       RuleText(rule), error);
+            }
+        }
+    }
+    rules_.push_back(entry);
+    SaveLedger();
     TW_LOG(logger_, PRIO_INFORMATION, "Audit rule %s added for %s", RuleText(rule), subscriber);
 }
 
@@ -386,6 +550,7 @@ void AuditTask::DeleteRule(const AuditFileSystemCtrlMessage& msg) {
         const RuleEntry entry = *it;
         rules_.erase(it);
         DeleteEntry(entry);
+        SaveLedger();
         return;
     }
     // Not one of ours (or already gone): try both kinds so that nothing lingers.
@@ -400,6 +565,7 @@ void AuditTask::DeleteRule(const AuditFileSystemCtrlMessage& msg) {
 }
 
 void AuditTask::DeleteEntry(const RuleEntry& entry) {
+    if (entry.closeMarked) closes_.Unmark(entry.rule.path);
     const int rc = client_.DeleteWatch(entry.rule);
     if (rc == 0) {
         TW_LOG(logger_, PRIO_INFORMATION, "Audit rule %s deleted", RuleText(entry.rule));
@@ -429,6 +595,7 @@ int AuditTask::Receive(const AuditUnsubscribeMessage& msg) {
         it = rules_.erase(it);
     }
     for (const auto& entry : removed) DeleteEntry(entry);
+    if (!removed.empty()) SaveLedger();
     TW_LOG(logger_, PRIO_INFORMATION, "Audit subscriber %s removed with %z rules", subscriber,
            removed.size());
     return 0;

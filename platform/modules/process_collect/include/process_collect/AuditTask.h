@@ -12,8 +12,11 @@
 #include "process_collect/AuditEventSocket.h"
 #include "process_collect/AuditFileSystemCtrlMessage.h"
 #include "process_collect/AuditRuleClient.h"
+#include "process_collect/AuditRuleLedger.h"
+#include "process_collect/CloseWriteWatcher.h"
 #include "process_collect/AuditUnsubscribeMessage.h"
 #include "process_collect/EventSettler.h"
+#include "sdk/ContainerRoot.h"
 
 namespace Poco {
 class Logger;
@@ -27,16 +30,19 @@ namespace Engine {
 /// the rule's key, "-W" deletes it; AuditUnsubscribeMessage deletes every rule of a subscriber.
 /// Events are read from the read-only multicast audit group, joined per serial, turned into
 /// AuditEventMessages with host paths and sent to the key's subscriber; writes are held until
-/// the file has settled. Init (control thread) sets audit up and deletes "cid:" rules left by
-/// an earlier run; UnInit (control thread, after the task thread ended) deletes every rule the
-/// task added. Everything else runs on the task thread.
+/// the writer closed the file (fanotify) or, failing that, the file has settled. Paths are
+/// resolved inside the watched root as the container sees them. Rules removed behind the
+/// agent's back are added again. Init (control thread) sets audit up and deletes the rules an
+/// earlier run left (remembered in a ledger file, so no other tool's rules are touched); UnInit
+/// (control thread, after the task thread ended) deletes every rule the task added. Everything
+/// else runs on the task thread.
 class AuditTask : public Framework::Task,
                   public AbstructMessage<AuditFileSystemCtrlMessage>::Receiver,
                   public AbstructMessage<AuditUnsubscribeMessage>::Receiver {
 public:
     static constexpr const char* kTaskName = "audit_task";
-    /// Key prefix of the rules this agent owns; leftovers with it are deleted at start.
-    static constexpr const char* kOwnedKeyPrefix = "cid:";
+    /// Key prefix of the container rules: what follows is the container's id.
+    static constexpr const char* kContainerKeyPrefix = "cid:";
 
     AuditTask();
 
@@ -54,10 +60,18 @@ private:
     struct RuleEntry {
         AuditWatchRule rule;
         std::string subscriber;  // task name: the task may go away, its name stays safe to use
+        std::shared_ptr<SDK::ContainerRoot> root;  // the watched directory, for path lookups
+        bool closeMarked = false;  // its file system is under the close-write watch
     };
 
     void SetUpAudit();
+    void DeleteLeftoverRules();
+    void SaveLedger();
+    void VerifyRules();
     void OnReadable();
+    void OnClosesReadable();
+    void CaptureWriters(const AuditLogSyscall& syscall, const std::string& key) const;
+    const RuleEntry* EntryOf(const std::string& key) const;
     void OnRecord(int type, const char* text, std::size_t len);
     void HandleJoined(std::vector<JoinedAuditEvent>& events);
     void Housekeeping(uint64_t nowMs);
@@ -73,6 +87,8 @@ private:
     Poco::Logger* logger_ = nullptr;
     AuditRuleClient client_;
     AuditEventSocket events_;
+    CloseWriteWatcher closes_;
+    std::unique_ptr<AuditRuleLedger> ledger_;
     std::unique_ptr<AuditEventJoiner> joiner_;
     std::unique_ptr<EventSettler> settler_;
     std::vector<RuleEntry> rules_;  // task thread, or control thread once the task thread ended
@@ -81,8 +97,11 @@ private:
     uint64_t lastLostPollMs_ = 0;
     uint64_t lastFlushMs_ = 0;
     uint64_t lostPollMs_ = 1000;
+    uint64_t lastRuleCheckMs_ = 0;
+    uint64_t ruleCheckMs_ = 1000;
     Framework::RateLimiter malformedLog_;
     Framework::RateLimiter lostLog_;
+    Framework::RateLimiter ruleLog_;
 };
 
 }  // namespace Engine
