@@ -51,10 +51,13 @@ start() {
     command -v dockerd >/dev/null || die "dockerd not found (apt-get install docker.io)"
     mkdir -p "$(dirname "$DOCKERD_LOG")"
     # overlay2: the container's merged directory is its root filesystem as seen from the host.
-    # The engine must not inherit our lock (fd 9), or it would hold it for its whole life.
+    # The engine must not inherit any descriptor beyond the standard three: a lock held by
+    # whoever called us (ours is fd 9, a caller's flock may be any) would stay held for the
+    # engine's whole life.
     # shellcheck disable=SC2086
-    setsid dockerd --host "unix://$DOCKER_SOCKET" --storage-driver overlay2 $DOCKERD_ARGS \
-      >>"$DOCKERD_LOG" 2>&1 < /dev/null 9>&- &
+    setsid bash -c 'for fd in /proc/self/fd/*; do n=${fd##*/}; [ "$n" -gt 2 ] && eval "exec $n>&-"; done
+                    exec "$@"' dockerd dockerd --host "unix://$DOCKER_SOCKET" \
+      --storage-driver overlay2 $DOCKERD_ARGS >>"$DOCKERD_LOG" 2>&1 < /dev/null &
     pid=$!
     echo "$pid" > "$DOCKERD_STATE"
     echo "dockerd.sh: started dockerd $pid (log $DOCKERD_LOG)"

@@ -8,6 +8,8 @@ cd "$(dirname "$0")/.."
 cmake --install build >/dev/null || { echo "e2e: install failed" >&2; exit 1; }
 bash scripts/dockerd.sh start || exit 1
 bash scripts/dockerd.sh image || exit 1
+bash scripts/debian-image.sh image || exit 1
+bash scripts/debian-image.sh debs || exit 1
 source scripts/lib/agent-run.sh
 # Every tests/e2e/cases*.sh defines case_X functions and adds its names to E2E_CASES.
 E2E_CASES=""
