@@ -39,7 +39,9 @@ case_packages_installed() {
   docker exec "$c" sh -c 'dpkg -i /debs/*.deb' > "$WORK/dpkg.out" 2>&1 || { cat "$WORK/dpkg.out"; fail "dpkg -i failed"; }
   # Every owner-executable ELF file the packages installed, with its digest inside the container.
   docker exec "$c" sh -c '
-    for deb in /debs/*.deb; do dpkg -L "$(dpkg-deb -f "$deb" Package)"; done | sort -u |
+    # Under merged /usr, /bin/x is /usr/bin/x: the alarm names the file the name resolves to.
+    for deb in /debs/*.deb; do dpkg -L "$(dpkg-deb -f "$deb" Package)"; done |
+    while read -r f; do readlink -f "$f"; done | sort -u |
     while read -r f; do
       [ -f "$f" ] && [ ! -L "$f" ] || continue
       case "$(stat -c %A "$f")" in ???x*) ;; *) continue ;; esac

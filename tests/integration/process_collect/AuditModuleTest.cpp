@@ -66,6 +66,7 @@ bool HasRuleWithKey(const std::string& key) {
 
 struct Received {
     std::string key;
+    std::string root;
     Engine::AuditLogSyscall syscall;
     long long sizeAtReceipt = -1;
 };
@@ -81,6 +82,7 @@ public:
     int Receive(const Engine::AuditEventMessage& msg) override {
         Received item;
         item.key = msg.key;
+        item.root = msg.root;
         item.syscall = *msg.syscall;
         struct stat st {};
         if (!msg.syscall->paths.empty() && ::stat(msg.syscall->paths[0].name.c_str(), &st) == 0) {
@@ -409,6 +411,42 @@ TEST_F(AuditContainerTest, WriteInsideAContainerArrivesAsAHostPath) {
     struct stat st {};
     ASSERT_EQ(0, ::stat("/bin/busybox", &st));
     EXPECT_EQ(static_cast<long long>(st.st_size), got.sizeAtReceipt);
+}
+
+// What a hostile container spells (a climb above its root, links to host paths) arrives as a
+// path inside its root, or not at all; never as a host path outside it.
+TEST_F(AuditContainerTest, ClimbsAndLinksStayInsideTheContainer) {
+    StartModule();
+    const std::string key = keyPrefix_ + container_;
+    Request("-w", merged_, key);
+    ASSERT_TRUE(WaitFor([&] { return HasRuleWithKey(key); })) << AuditRules();
+    Shell("docker exec -w /usr/bin " + container_ +
+          " sh -c 'ln -s " + dir_ + " /usr/bin/hostdir; ln -s /bin/busybox /usr/bin/evil;"
+          " cp /bin/busybox ../../../../../usr/bin/climbed'");
+    Received got;
+    ASSERT_TRUE(WaitFor([&] {
+        return recorder_->Find(
+            [&](const Received& r) {
+                return r.key == key && !r.syscall.paths.empty() &&
+                       r.syscall.paths[0].name == merged_ + "/usr/bin/climbed";
+            },
+            got);
+    }));
+    EXPECT_EQ(merged_, got.root);
+    ASSERT_TRUE(WaitFor([&] {
+        return recorder_->Find(
+            [&](const Received& r) {
+                return r.key == key && !r.syscall.paths.empty() &&
+                       r.syscall.paths[0].name == merged_ + "/bin/busybox";
+            },
+            got);
+    })) << "the link to /bin/busybox is not judged by the container's busybox";
+    EXPECT_EQ(0u, recorder_->Count([&](const Received& r) {
+        for (const auto& item : r.syscall.paths) {
+            if (item.name.compare(0, merged_.size() + 1, merged_ + "/") != 0) return true;
+        }
+        return false;
+    }));
 }
 
 }  // namespace

@@ -1,5 +1,6 @@
 #include "process_collect/AuditPathResolver.h"
 
+#include <string>
 #include <utility>
 #include <vector>
 
@@ -17,7 +18,8 @@ bool AuditPathResolver::Resolve(const SDK::ContainerRoot& root, AuditLogSyscall&
         resolved.push_back(std::move(item));
     }
     syscall.paths = std::move(resolved);
-    return !syscall.paths.empty();
+    // Only the directories of the names left (the file itself is gone): nothing to look at.
+    return !syscall.paths.empty() && syscall.paths.front().nametype != "PARENT";
 }
 
 }  // namespace Engine

@@ -12,7 +12,8 @@ namespace Engine {
 class AuditPathResolver {
 public:
     /// Resolves every item of `syscall` inside `root`. An item that names nothing inside the
-    /// root (gone, or leading out of it) is dropped. False when no item is left.
+    /// root (gone, or leading out of it) is dropped. False when no item but the directories
+    /// of the names is left.
     static bool Resolve(const SDK::ContainerRoot& root, AuditLogSyscall& syscall);
 };
 

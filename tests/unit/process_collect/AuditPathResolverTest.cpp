@@ -1,0 +1,68 @@
+// Path items resolved inside a stand-in container root on the real file system.
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cstdlib>
+#include <fstream>
+
+#include <gtest/gtest.h>
+
+#include "process_collect/AuditPathResolver.h"
+
+using Engine::AuditLogPath;
+using Engine::AuditLogSyscall;
+using Engine::AuditPathResolver;
+
+namespace {
+
+class ResolverTest : public ::testing::Test {
+protected:
+    void SetUp() override {
+        char pattern[] = "/tmp/tw-resolve-XXXXXX";
+        ASSERT_NE(nullptr, ::mkdtemp(pattern));
+        host = pattern;
+        root = host + "/merged";
+        ASSERT_EQ(0, ::mkdir(root.c_str(), 0755));
+        ASSERT_EQ(0, ::mkdir((root + "/bin").c_str(), 0755));
+        std::ofstream(root + "/bin/tool") << "x";
+        std::ofstream(host + "/outside") << "host";
+        ASSERT_EQ(0, ::symlink("/bin/tool", (root + "/bin/link").c_str()));
+        ASSERT_EQ(0, ::symlink((host + "/outside").c_str(), (root + "/bin/out").c_str()));
+    }
+    void TearDown() override { std::system(("rm -rf '" + host + "'").c_str()); }
+
+    static AuditLogPath Item(const std::string& name, const std::string& type) {
+        AuditLogPath item;
+        item.name = name;
+        item.nametype = type;
+        return item;
+    }
+
+    std::string host;
+    std::string root;
+};
+
+TEST_F(ResolverTest, ItemsResolveInsideTheRootAndWhatLeavesItIsDropped) {
+    const SDK::ContainerRoot container(root);
+    AuditLogSyscall syscall;
+    syscall.paths = {Item(root + "/bin/link", "CREATE"), Item(root + "/../../../bin/tool", "NORMAL"),
+                     Item(root + "/bin/out", "NORMAL"), Item(root + "/bin/gone", "DELETE"),
+                     Item(root + "/bin", "PARENT")};
+    ASSERT_TRUE(AuditPathResolver::Resolve(container, syscall));
+    ASSERT_EQ(3u, syscall.paths.size());
+    EXPECT_EQ(root + "/bin/tool", syscall.paths[0].name);
+    EXPECT_EQ("CREATE", syscall.paths[0].nametype);
+    EXPECT_EQ(root + "/bin/tool", syscall.paths[1].name);
+    EXPECT_EQ(root + "/bin", syscall.paths[2].name);
+}
+
+TEST_F(ResolverTest, EventLeftWithOnlyDirectoriesIsDropped) {
+    const SDK::ContainerRoot container(root);
+    AuditLogSyscall syscall;
+    syscall.paths = {Item(root + "/bin/gone", "DELETE"), Item(root + "/bin", "PARENT")};
+    EXPECT_FALSE(AuditPathResolver::Resolve(container, syscall));
+    syscall.paths = {Item(host + "/outside", "NORMAL")};
+    EXPECT_FALSE(AuditPathResolver::Resolve(container, syscall));
+}
+
+}  // namespace
