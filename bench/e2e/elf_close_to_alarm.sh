@@ -22,7 +22,7 @@ cleanup() {
 trap cleanup EXIT
 
 write_policy "$WORK/policy.d" tarnwick/debian12 true /etc/passwd
-agent_start "$WORK" --log-level information
+AGENT_LOG_LEVEL=information agent_start "$WORK"
 cid=$(docker run -d --network none --name "$C" tarnwick/debian12:latest sleep 600)
 wait_for 20 audit_rule_present "$cid"
 

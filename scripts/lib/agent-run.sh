@@ -23,7 +23,7 @@ agent_start() {
   "$TARNWICK_PREFIX/bin/tarnwick-agent" \
     --config "$TARNWICK_PREFIX/etc/agent.properties" \
     --policy-dir "$work/policy.d" --alarms "$work/alarms.jsonl" \
-    --log "$work/agent.log" --log-level debug "$@" \
+    --log "$work/agent.log" --log-level "${AGENT_LOG_LEVEL:-debug}" "$@" \
     > "$work/agent.stdout" 2>&1 &
   AGENT_PID=$!
   if ! wait_for 20 grep -q "Agent started" "$work/agent.log"; then
