@@ -80,23 +80,45 @@ int Task::SendDirectMsg(const std::string& taskName, Message* msg) {
     }
     const int rc = TaskRegistry::Instance().Deliver(taskName, owned);
     if (rc == 0) return 0;
-    uint64_t suppressed = 0;
     if (rc == 1) {
-        Counters::Instance().Add(CounterNames::kUnknownTask);
-        if (gUnknownTaskWarn.Allow(suppressed)) {
-            TW_LOG(FrameworkLogger(), PRIO_WARNING,
-                   "Message %s from task %s dropped: no task named %s (%lu more not logged)",
-                   owned->TypeName(), name(), taskName, static_cast<unsigned long>(suppressed));
-        }
-    } else {
-        Counters::Instance().Add(CounterNames::kQueueFull);
-        if (gQueueFullWarn.Allow(suppressed)) {
-            TW_LOG(FrameworkLogger(), PRIO_WARNING,
-                   "Message %s from task %s dropped: queue of task %s is full (%lu more not logged)",
-                   owned->TypeName(), name(), taskName, static_cast<unsigned long>(suppressed));
-        }
+        CountUnknownTask(*owned, taskName);
+        return -1;
+    }
+    Counters::Instance().Add(CounterNames::kQueueFull);
+    uint64_t suppressed = 0;
+    if (gQueueFullWarn.Allow(suppressed)) {
+        TW_LOG(FrameworkLogger(), PRIO_WARNING,
+               "Message %s from task %s dropped: queue of task %s is full (%lu more not logged)",
+               owned->TypeName(), name(), taskName, static_cast<unsigned long>(suppressed));
     }
     return -1;
+}
+
+int Task::TrySendDirectMsg(const std::string& taskName, std::shared_ptr<Message>& msg) {
+    if (!msg) return -1;
+    const int rc = TaskRegistry::Instance().Deliver(taskName, msg);
+    if (rc == 0) {
+        msg.reset();
+        return 0;
+    }
+    if (rc == 2) return 1;
+    CountUnknownTask(*msg, taskName);
+    msg.reset();
+    return -1;
+}
+
+void Task::CountUnknownTask(const Message& msg, const std::string& taskName) {
+    Counters::Instance().Add(CounterNames::kUnknownTask);
+    uint64_t suppressed = 0;
+    if (gUnknownTaskWarn.Allow(suppressed)) {
+        TW_LOG(FrameworkLogger(), PRIO_WARNING,
+               "Message %s from task %s dropped: no task named %s (%lu more not logged)",
+               msg.TypeName(), name(), taskName, static_cast<unsigned long>(suppressed));
+    }
+}
+
+long Task::QueuedMessages(const std::string& taskName) {
+    return TaskRegistry::Instance().Queued(taskName);
 }
 
 int Task::BulkConsumeMsg(int maxCount) {

@@ -37,4 +37,11 @@ int TaskRegistry::Deliver(const std::string& name, std::shared_ptr<Message>& msg
     return it->second->EnqueueMsg(msg) == 1 ? 0 : 2;
 }
 
+long TaskRegistry::Queued(const std::string& name) const {
+    std::shared_lock<std::shared_mutex> lock(mutex_);
+    auto it = tasks_.find(name);
+    if (it == tasks_.end()) return -1;
+    return static_cast<long>(it->second->QueuedCount());
+}
+
 }  // namespace Framework

@@ -13,6 +13,7 @@
 
 #include "framework/Counters.h"
 #include "framework/Module.h"
+#include "framework/Outbox.h"
 #include "framework/Task.h"
 
 namespace {
@@ -45,7 +46,7 @@ public:
     int Run() override {
         while (!isCancelled()) {
             const int r = GetEventWaiter().WaitAndHandleEvent(waitMs_, 16);
-            if (r == -1 && consume_) BulkConsumeMsg(64);
+            if (r == -1 && consume_.load()) BulkConsumeMsg(64);
         }
         return 0;
     }
@@ -65,9 +66,14 @@ public:
         return values_;
     }
 
+    void SetConsuming(bool consume) {
+        consume_.store(consume);
+        GetEventWaiter().Notify();
+    }
+
 private:
     int waitMs_;
-    bool consume_;
+    std::atomic<bool> consume_;
     std::mutex mutex_;  // guards values_
     std::condition_variable cv_;
     std::vector<int> values_;
@@ -136,6 +142,37 @@ TEST_F(FrameworkDelivery, FullQueueIsCountedAndTheMessageReleased) {
     registered_.erase(registered_.begin() + 1);
     (void)stalled;
     EXPECT_EQ(gLiveProbes.load(), liveBefore - 4);
+}
+
+// A service that holds back: what a full queue refused waits, in order, and arrives once the
+// receiver drains; only what exceeds the outbox's bound is released, and counted.
+TEST_F(FrameworkDelivery, OutboxHoldsBackInOrderAndCountsWhatExceedsItsBound) {
+    RecordingTask* sender = Start("fw_patient", 16, 50);
+    RecordingTask* slow = Start("fw_slow", 4, 50, /*consume=*/false);
+    Framework::Outbox outbox(*sender, 3, "fwtest.outbox");
+    const uint64_t dropped = Counter("fwtest.outbox.dropped");
+    for (int i = 0; i < 7; ++i) ASSERT_TRUE(outbox.Send("fw_slow", new Probe(i)));
+    EXPECT_EQ(3u, outbox.Held());
+    const int live = gLiveProbes.load();
+    EXPECT_FALSE(outbox.Send("fw_slow", new Probe(99)));
+    EXPECT_EQ(live, gLiveProbes.load()) << "the message beyond the bound leaked";
+    EXPECT_EQ(dropped + 1, Counter("fwtest.outbox.dropped"));
+    slow->SetConsuming(true);
+    const auto deadline = Clock::now() + std::chrono::seconds(10);
+    while (outbox.Flush() > 0 && Clock::now() < deadline) std::this_thread::yield();
+    ASSERT_TRUE(slow->WaitForCount(7, std::chrono::seconds(10)));
+    EXPECT_EQ(slow->Values(), (std::vector<int>{0, 1, 2, 3, 4, 5, 6}));
+}
+
+TEST_F(FrameworkDelivery, OutboxStopsAtTheHighWaterMarkAndLeavesTheRestToOthers) {
+    RecordingTask* sender = Start("fw_polite", 16, 50);
+    Start("fw_busy", 8, 50, /*consume=*/false);
+    Framework::Outbox outbox(*sender, 100, "fwtest.polite", 2);
+    for (int i = 0; i < 5; ++i) outbox.Send("fw_busy", new Probe(i));
+    EXPECT_EQ(2, Framework::Task::QueuedMessages("fw_busy"));
+    EXPECT_EQ(3u, outbox.Held());
+    EXPECT_EQ(0, sender->SendDirectMsg("fw_busy", new Probe(50))) << "no room left for others";
+    EXPECT_EQ(-1, Framework::Task::QueuedMessages("fw_nobody"));
 }
 
 TEST_F(FrameworkDelivery, AThrowingHandlerIsCountedAndTheLoopGoesOn) {

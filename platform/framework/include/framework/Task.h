@@ -54,6 +54,14 @@ public:
     /// Unknown task or full queue: the message is released, counted and a rate-limited warning
     /// is logged. Never blocks or throws; any thread. Returns 0 when queued, -1 otherwise.
     int SendDirectMsg(const std::string& taskName, Message* msg);
+    /// Like SendDirectMsg, but a message that finds the queue full stays with the caller, in
+    /// `msg`, to be offered again later: how a service holds back instead of dropping. An
+    /// unknown task releases it, counted as SendDirectMsg does. 0 queued, 1 full (kept),
+    /// -1 released.
+    int TrySendDirectMsg(const std::string& taskName, std::shared_ptr<Message>& msg);
+    /// Messages waiting in the queue of the task registered as `taskName` (a snapshot), or -1
+    /// when there is none. Any thread.
+    static long QueuedMessages(const std::string& taskName);
 
     /// Takes up to maxCount queued messages and delivers each on this thread. An exception
     /// escaping a handler is caught, logged with task and message type, and counted.
@@ -64,6 +72,8 @@ public:
     const std::string& GetFeatureName() const { return feature_; }
     TaskCondition::TaskType GetTaskType() const { return type_; }
     size_t GetQueueCapacity() const { return consumer_.GetQueue().Capacity(); }
+    /// Messages waiting in this task's queue (a snapshot).
+    size_t QueuedCount() const { return consumer_.GetQueue().Count(); }
 
     /// The feature policy in force (null before the first one). Swapped atomically; a caller
     /// that took it keeps it alive until it drops the pointer.
@@ -74,6 +84,8 @@ protected:
     ~Task() override;
 
 private:
+    void CountUnknownTask(const Message& msg, const std::string& taskName);
+
     std::string feature_;
     TaskCondition::TaskType type_;
     MessageConsumer consumer_;

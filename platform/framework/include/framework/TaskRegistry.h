@@ -23,6 +23,8 @@ public:
     /// Enqueues into the named task while holding the registry lock, so that a task cannot be
     /// unregistered and destroyed under a sender. 0 queued, 1 unknown task, 2 queue full.
     int Deliver(const std::string& name, std::shared_ptr<Message>& msg) const;
+    /// Messages waiting in the named task's queue, or -1 when there is no such task.
+    long Queued(const std::string& name) const;
 
 private:
     mutable std::shared_mutex mutex_;  // guards tasks_

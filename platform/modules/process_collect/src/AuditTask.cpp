@@ -31,6 +31,8 @@ constexpr std::size_t kMaxPendingEvents = 1024;
 constexpr std::size_t kMaxRecordsPerEvent = 64;
 constexpr uint64_t kStaleEventMs = 2000;
 constexpr std::size_t kMaxHeldWrites = 4096;
+constexpr std::size_t kMaxWaitingEvents = 16384;
+constexpr int kOutboxRetryMs = 2;
 constexpr uint64_t kLogIntervalMs = 5000;
 constexpr int64_t kDefaultSettleMs = 300;
 constexpr int64_t kDefaultMaxDelayMs = 5000;
@@ -93,6 +95,7 @@ int AuditTask::Init() {
     ledger_.reset(
         new AuditRuleLedger(SDK::ConfigUtils::GetString("audit.state_file", kDefaultLedger)));
     settler_.reset(new EventSettler(settleMs, maxDelayMs, kMaxHeldWrites, EventSettler::StatFn()));
+    outbox_.reset(new Framework::Outbox(*this, kMaxWaitingEvents, "audit.deliver"));
     joiner_.reset(new AuditEventJoiner(kMaxPendingEvents, kMaxRecordsPerEvent, kStaleEventMs,
                                        [this](const AuditRecord& record) {
                                            for (const auto& key : AuditEventBuilder::Keys(record)) {
@@ -196,6 +199,11 @@ void AuditTask::UnInit() {
     std::vector<EventSettler::EventPtr> held;
     if (settler_) settler_->ReleaseAll(held);
     DeliverAll(held);
+    if (outbox_ && outbox_->Flush() > 0) {
+        Framework::Counters::Instance().Add("audit.deliver.dropped", outbox_->Held());
+        TW_LOG(logger_, PRIO_WARNING, "Audit task stops with %z events its subscribers never took",
+               outbox_->Held());
+    }
     for (const auto& entry : rules_) DeleteEntry(entry);
     rules_.clear();
     SaveLedger();
@@ -209,7 +217,8 @@ void AuditTask::UnInit() {
 
 int AuditTask::Run() {
     while (!isCancelled()) {
-        const int waitMs = settler_->Held() > 0 ? kSettlePollMs : kIdleWaitMs;
+        int waitMs = settler_->Held() > 0 ? kSettlePollMs : kIdleWaitMs;
+        if (outbox_->Flush() > 0) waitMs = kOutboxRetryMs;
         if (GetEventWaiter().WaitAndHandleEvent(waitMs, kBatch) == -1) BulkConsumeMsg(kBatch);
         Housekeeping(NowMs());
     }
@@ -430,14 +439,15 @@ void AuditTask::Deliver(std::unique_ptr<AuditEventMessage> event) {
     }
     for (std::size_t i = 0; i < subscribers.size(); ++i) {
         if (i + 1 == subscribers.size()) {
-            SendDirectMsg(subscribers[i], event.release());
+            outbox_->Send(subscribers[i], event.release());
             break;
         }
         auto* copy = new AuditEventMessage();
         copy->sender = this;
         copy->key = event->key;
+        copy->root = event->root;
         copy->syscall = std::make_shared<AuditLogSyscall>(*event->syscall);
-        SendDirectMsg(subscribers[i], copy);
+        outbox_->Send(subscribers[i], copy);
     }
 }
 

@@ -6,6 +6,7 @@
 #include <vector>
 
 #include "engine/AbstructMessage.h"
+#include "framework/Outbox.h"
 #include "framework/RateLimiter.h"
 #include "framework/Task.h"
 #include "process_collect/AuditEventJoiner.h"
@@ -88,6 +89,9 @@ private:
     AuditRuleClient client_;
     AuditEventSocket events_;
     CloseWriteWatcher closes_;
+    // Events for subscribers whose queues are full wait here: the task keeps reading the
+    // kernel meanwhile, so records are never lost because a consumer is slow.
+    std::unique_ptr<Framework::Outbox> outbox_;
     std::unique_ptr<AuditRuleLedger> ledger_;
     std::unique_ptr<AuditEventJoiner> joiner_;
     std::unique_ptr<EventSettler> settler_;
