@@ -33,6 +33,8 @@ case_cleanup() {
     while read -r c; do docker rm -f "$c" >/dev/null 2>&1 || true; done < "$WORK/containers"
   fi
   agent_stop
+  # Alarm watchers a case started on its own files.
+  pkill -f "tail -n0 -F $WORK/" 2>/dev/null || true
 }
 
 # run_case NAME: runs case_NAME in a subshell with errexit, its own work dir and agent.
