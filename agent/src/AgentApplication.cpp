@@ -27,6 +27,7 @@
 #include "agent/ModuleLoader.h"
 #include "agent/PolicyDirectory.h"
 #include "framework/Counters.h"
+#include "framework/StatusBoard.h"
 #include "framework/Module.h"
 #include "sdk/ConfigUtils.h"
 #include "sdk/InnerCpuCtrlUtils.h"
@@ -266,6 +267,9 @@ void AgentApplication::LogCounters() {
         text += counter.first + "=" + std::to_string(counter.second);
     }
     TW_LOG(AgentLogger(), PRIO_INFORMATION, "Status: %s", text.empty() ? std::string("no losses") : text);
+    for (const auto& line : Framework::StatusBoard::Instance().Snapshot()) {
+        TW_LOG(AgentLogger(), PRIO_INFORMATION, "Status %s: %s", line.first, line.second);
+    }
 }
 
 int AgentApplication::main(const std::vector<std::string>& args) {

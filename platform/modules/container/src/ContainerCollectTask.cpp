@@ -6,6 +6,7 @@
 
 #include "container/ContainerMessage.h"
 #include "container/ContainerModule.h"
+#include "framework/ContainerRegistry.h"
 #include "framework/Counters.h"
 #include "framework/RateLimiter.h"
 #include "sdk/ConfigUtils.h"
@@ -140,13 +141,16 @@ void ContainerCollectTask::HandleStart(const std::string& id) {
         return;
     }
     ContainerInfo info;
-    if (!Inspect(id, info)) return;
+    int pid = 0;
+    if (!Inspect(id, info, pid)) return;
     if (!info.running) {
         // Gone again before we looked: its die event follows and is ignored likewise.
         TW_LOG(Log(), PRIO_DEBUG, "Docker monitor: %s no longer runs", id);
         return;
     }
     running_[id] = info;
+    // Before subscribers hear of it: their watch requests for its files must find it.
+    Framework::ContainerRegistry::Instance().Started(info.rootPath, id, pid);
     TW_LOG(Log(), PRIO_DEBUG, "Docker monitor: container %s (%s, image %s) started, root %s",
            info.name, id, info.imageName, info.rootPath);
     Announce(std::make_shared<ContainerInfo>(info));
@@ -164,6 +168,7 @@ void ContainerCollectTask::HandleDie(const std::string& id) {
     info->status = "exited";
     TW_LOG(Log(), PRIO_DEBUG, "Docker monitor: container %s (%s) exited", info->name, id);
     Announce(info);
+    Framework::ContainerRegistry::Instance().Exited(info->rootPath);
 }
 
 bool ContainerCollectTask::Resync() {
@@ -196,11 +201,11 @@ bool ContainerCollectTask::Resync() {
     return true;
 }
 
-bool ContainerCollectTask::Inspect(const std::string& id, ContainerInfo& info) {
+bool ContainerCollectTask::Inspect(const std::string& id, ContainerInfo& info, int& pid) {
     std::string body;
     std::string error;
     const int status = api_->Get("/containers/" + id + "/json", body, error);
-    if (status == 200 && ParseContainerInspect(body, info, error)) return true;
+    if (status == 200 && ParseContainerInspect(body, info, pid, error)) return true;
     if (status == 200) {
         Framework::Counters::Instance().Add("container.inspect.malformed");
     } else {

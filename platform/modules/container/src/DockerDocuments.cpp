@@ -188,10 +188,19 @@ bool IsContainerId(const std::string& text) {
 }
 
 bool ParseContainerInspect(const std::string& text, ContainerInfo& info, std::string& error) {
+    int pid = 0;
+    return ParseContainerInspect(text, info, pid, error);
+}
+
+bool ParseContainerInspect(const std::string& text, ContainerInfo& info, int& pid,
+                           std::string& error) {
     try {
         Json::Value root;
         if (!ParseObject(text, root, error)) return false;
-        return FillInfo(root, info, error);
+        if (!FillInfo(root, info, error)) return false;
+        const Json::Value& value = Member(Member(root, "State"), "Pid");
+        pid = value.isInt() && value.asInt() > 0 ? value.asInt() : 0;
+        return true;
     } catch (const std::exception& e) {
         // JsonCpp reports type misuse by exceptions; a document must never take us down.
         error = std::string("unexpected document shape: ") + e.what();

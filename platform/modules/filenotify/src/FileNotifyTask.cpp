@@ -1,6 +1,9 @@
 #include "filenotify/FileNotifyTask.h"
 
+#include <chrono>
+
 #include "filenotify/FileNotifyMessage.h"
+#include "framework/StatusBoard.h"
 #include "sdk/Log.h"
 #include "sdk/LoggerUtils.h"
 
@@ -11,6 +14,14 @@ constexpr unsigned int kQueueCapacity = 8192;
 constexpr int kWaitMs = 100;
 constexpr int kMaxEvents = 16;
 constexpr int kBulk = 128;
+constexpr uint64_t kPublishEveryMs = 1000;
+constexpr const char* kCoverageStatus = "filenotify.coverage";
+
+uint64_t NowMs() {
+    return static_cast<uint64_t>(std::chrono::duration_cast<std::chrono::milliseconds>(
+                                     std::chrono::steady_clock::now().time_since_epoch())
+                                     .count());
+}
 
 Poco::Logger* Logger() {
     return SDK::LoggerUtils::GetInstance()->GetModuleLogger("filenotify_module", true);
@@ -36,12 +47,21 @@ int FileNotifyTask::Init() {
 void FileNotifyTask::UnInit() {
     if (table_ && table_->IsOpen()) GetEventWaiter().RemoveFd(table_->Fd());
     table_.reset();
+    Framework::StatusBoard::Instance().Erase(kCoverageStatus);
     Framework::Task::UnInit();
 }
 
 int FileNotifyTask::Run() {
+    uint64_t publishedAtMs = 0;
     while (!isCancelled()) {
         if (GetEventWaiter().WaitAndHandleEvent(kWaitMs, kMaxEvents) == -1) BulkConsumeMsg(kBulk);
+        if (!table_) continue;
+        const uint64_t now = NowMs();
+        table_->Tick(now);
+        if (now - publishedAtMs >= kPublishEveryMs) {
+            Framework::StatusBoard::Instance().Set(kCoverageStatus, table_->CoverageText());
+            publishedAtMs = now;
+        }
     }
     return 0;
 }

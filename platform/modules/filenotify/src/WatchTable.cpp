@@ -1,15 +1,18 @@
 #include "filenotify/WatchTable.h"
 
 #include <errno.h>
+#include <fcntl.h>
 #include <sys/inotify.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <chrono>
 #include <cstring>
 #include <utility>
 
 #include "framework/Counters.h"
+#include "sdk/UniqueFd.h"
 #include "framework/RateLimiter.h"
 #include "sdk/Log.h"
 #include "sdk/LoggerUtils.h"
@@ -19,7 +22,6 @@ namespace Engine {
 namespace {
 constexpr std::size_t kBufferSize = 64 * 1024;
 constexpr int kMaxReadsPerCall = 8;
-constexpr int kMaxResolveAttempts = 16;  // bounds the walk down directories being made  // leaves the task time for its message queue in a flood
 constexpr uint64_t kWarnIntervalMs = 10000;
 constexpr uint32_t kDirectoryChanges = IN_CREATE | IN_MOVED_TO | IN_DELETE | IN_MOVED_FROM;
 constexpr uint32_t kAnchorMask = kDirectoryChanges | IN_DELETE_SELF | IN_MOVE_SELF | IN_ONLYDIR;
@@ -27,9 +29,18 @@ constexpr const char* kOverflowCounter = "filenotify.inotify.overflow";
 constexpr const char* kTruncatedCounter = "filenotify.inotify.truncated";
 constexpr const char* kWatchFailedCounter = "filenotify.watch.failed";
 constexpr const char* kRefusedCounter = "filenotify.request.refused";
+constexpr const char* kGapOpenedCounter = "filenotify.coverage.gap_opened";
+constexpr const char* kGapClosedCounter = "filenotify.coverage.gap_closed";
+constexpr const char* kRetriedCounter = "filenotify.watch.retried";
 
 Poco::Logger* Logger() {
     return SDK::LoggerUtils::GetInstance()->GetModuleLogger("filenotify_module", true);
+}
+
+uint64_t NowMs() {
+    return static_cast<uint64_t>(std::chrono::duration_cast<std::chrono::milliseconds>(
+                                     std::chrono::steady_clock::now().time_since_epoch())
+                                     .count());
 }
 
 Framework::RateLimiter gOverflowWarn(kWarnIntervalMs);
@@ -68,13 +79,20 @@ bool Wanted(const _FileNotifyOpt& options, uint32_t mask, const std::string& chi
     return !Contains(options.excludeNames, child);
 }
 
+// IN_DONT_FOLLOW is not among them: the watch is put through a descriptor's /proc link, which
+// must be followed; the option decides how that descriptor is opened (FollowLast).
 uint32_t KernelFlags(const _FileNotifyOpt& options) {
     uint32_t flags = 0;
     if (options.onlyDir) flags |= IN_ONLYDIR;
-    if (options.dontFollow) flags |= IN_DONT_FOLLOW;
     if (options.exclUnlink) flags |= IN_EXCL_UNLINK;
     return flags;
 }
+
+// The kernel has no room for the watch now (watch limit, memory, descriptors); it may later.
+bool IsRefusal(int error) {
+    return error == ENOSPC || error == ENOMEM || error == EMFILE || error == ENFILE;
+}
+
 }  // namespace
 
 WatchTable::WatchTable() : buffer_(kBufferSize) {
@@ -106,8 +124,11 @@ bool WatchTable::Add(const std::string& path, const std::string& requester, uint
     }
     Node& node = nodes_[path];
     if (node.path.empty()) {
+        std::string inner;
         node.path = path;
-        node.components = SplitPath(path);
+        node.scope = WatchScope::ForPath(path, inner, scopes_);
+        node.components = SplitPath(inner);
+        ++node.scope->requested;
     }
     auto sub = std::find_if(node.subscribers.begin(), node.subscribers.end(),
                             [&](const Subscriber& s) { return s.requester == requester; });
@@ -139,8 +160,11 @@ bool WatchTable::Remove(const std::string& path, const std::string& requester) {
         if (sub != subs.end()) {
             subs.erase(sub);
             if (subs.empty()) {
-                Release(node->second.selfWd, path);
-                Release(node->second.anchorWd, path);
+                Node& gone = node->second;
+                SetRefused(gone, false, 0);
+                --gone.scope->requested;
+                Release(gone.selfWd, path);
+                for (int wd : gone.chain) Release(wd, path);
                 nodes_.erase(node);
             }
             TW_LOG(Logger(), PRIO_DEBUG, "File notify: %s no longer watches %s", requester, path);
@@ -209,19 +233,23 @@ void WatchTable::HandleRecords(const std::vector<InotifyRecord>& records,
             auto it = nodes_.find(path);
             if (it == nodes_.end()) continue;
             Node& node = it->second;
-            const bool asSelf = node.selfWd == r.wd;
-            const bool asAnchor = node.anchorWd == r.wd;
-            if (asSelf) {
+            if (node.selfWd == r.wd) {
                 auto self = deletedSelf.find(r.wd);
                 Ahead ahead;
                 ahead.selfDeletion = self != deletedSelf.end() && self->second > i;
-                if (node.anchorIsParent && !node.components.empty()) {
-                    auto child = deletedChild.find({node.anchorWd, node.components.back()});
+                const int parent = ParentWd(node);
+                if (parent >= 0) {
+                    auto child = deletedChild.find({parent, node.components.back()});
                     ahead.parentDeletion = child != deletedChild.end() && child->second > i;
                 }
                 HandleSelfEvent(node, r, ahead, out);
             }
-            if (asAnchor && node.anchorWd == r.wd) HandleAnchorEvent(node, r, out);
+            // After the file's own handling, which may have looked the path up again.
+            for (std::size_t level = 0; level < node.chain.size(); ++level) {
+                if (node.chain[level] != r.wd) continue;
+                HandleChainEvent(node, level, r, out);
+                break;
+            }
         }
     }
     if (overflow) {
@@ -240,29 +268,35 @@ void WatchTable::Resync(std::vector<WatchNotification>& out) {
     }
 }
 
-void WatchTable::HandleAnchorEvent(Node& node, const InotifyRecord& record,
-                                   std::vector<WatchNotification>& out) {
+void WatchTable::HandleChainEvent(Node& node, std::size_t level, const InotifyRecord& record,
+                                  std::vector<WatchNotification>& out) {
+    uint32_t gone = IN_DELETE;
     if (record.name.empty()) {
-        // The anchor directory itself went away: the path is looked up again from further up.
+        // A directory on the way went away itself: the path is looked up again.
         if ((record.mask & (IN_DELETE_SELF | IN_MOVE_SELF)) == 0) return;
-        const Arming a = Rearm(node);
-        if (a.before && !a.after) {
-            Deliver(node, "", (record.mask & IN_MOVE_SELF) != 0 ? IN_MOVED_FROM : IN_DELETE, out);
+        if ((record.mask & IN_MOVE_SELF) != 0) gone = IN_MOVED_FROM;
+    } else {
+        if (record.name != node.components[level] || (record.mask & kDirectoryChanges) == 0) {
+            return;
         }
-        return;
+        if (level + 1 == node.components.size()) {
+            // The path's own directory names the path.
+            const bool reported = node.deletionReported && (record.mask & IN_DELETE) != 0;
+            node.deletionReported = false;
+            if (!reported) Deliver(node, "", record.mask, out);
+            Rearm(node);
+            return;
+        }
+        if ((record.mask & IN_MOVED_FROM) != 0) gone = IN_MOVED_FROM;
     }
-    if (record.name != node.anchorName || (record.mask & kDirectoryChanges) == 0) return;
-    if (node.anchorIsParent) {
-        const bool reported = node.deletionReported && (record.mask & IN_DELETE) != 0;
-        node.deletionReported = false;
-        if (!reported) Deliver(node, "", record.mask, out);
-        Rearm(node);
-        return;
-    }
-    // A directory on the way appeared or vanished; the path itself may already be there.
+    // A directory above the path appeared, vanished or was replaced.
     const Arming a = Rearm(node);
     if (!a.before && a.after) {
         Deliver(node, "", (record.mask & IN_MOVED_TO) != 0 ? IN_MOVED_TO : IN_CREATE, out);
+    } else if (a.before && !a.after) {
+        Deliver(node, "", gone, out);
+    } else if (a.replaced) {
+        Deliver(node, "", IN_MOVED_TO, out);
     }
 }
 
@@ -278,7 +312,7 @@ void WatchTable::HandleSelfEvent(Node& node, const InotifyRecord& record, const 
         // in this read, else here, and then the directory's late one is not reported again.
         if (ahead.parentDeletion) return;
         Deliver(node, "", (record.mask & ~IN_DELETE_SELF) | IN_DELETE, out);
-        node.deletionReported = node.anchorIsParent;
+        node.deletionReported = ParentWd(node) >= 0;
         Rearm(node);
         return;
     }
@@ -326,51 +360,45 @@ WatchTable::Arming WatchTable::Rearm(Node& node) {
     Arming a;
     a.before = node.selfWd >= 0;
     const int oldSelf = node.selfWd;
-    const int oldAnchor = node.anchorWd;
-    int self = -1;
-    int anchor = -1;
-    std::string anchorName;
-    std::string anchorDir = "(nothing)";
-    bool isParent = false;
+    const std::vector<int> oldChain = node.chain;
     const std::size_t n = node.components.size();
     // New watches are taken before the old ones are let go, so that a watch kept on the same
-    // file or directory is never dropped in between (its queued events stay valid).
-    for (int attempt = 0; attempt < kMaxResolveAttempts; ++attempt) {
-        std::size_t level = 0;
-        for (std::size_t k = n; k-- > 0;) {
-            const std::string dir = JoinFirst(node.components, k);
-            anchor = Acquire(dir, kAnchorMask, node.path);
-            if (anchor < 0) continue;
-            anchorDir = dir;
-            anchorName = node.components[k];
-            isParent = k + 1 == n;
-            level = k;
+    // file or directory is never dropped in between (its queued events stay valid). Each
+    // directory is watched before the next one down is looked up: one made in between raises
+    // an event we see.
+    std::vector<int> chain;
+    int error = 0;
+    for (std::size_t k = 0; k < n; ++k) {
+        const int wd = Acquire(node, k, true, kAnchorMask);
+        if (wd < 0) {
+            error = -wd;
             break;
         }
-        // A directory on the way made before the anchor's watch was in place raised no event
-        // we could see: look again from further down while one turns up.
-        if (anchor < 0 || isParent || attempt + 1 == kMaxResolveAttempts) break;
-        struct stat st;
-        const std::string next = JoinFirst(node.components, level + 1);
-        if (stat(next.c_str(), &st) != 0 || !S_ISDIR(st.st_mode)) break;
-        Release(anchor, node.path);
-        anchor = -1;
+        chain.push_back(wd);
     }
-    if (isParent || n == 0) self = Acquire(node.path, SelfMask(node), node.path);
+    int self = -1;
+    if (chain.size() == n && error == 0) {
+        self = Acquire(node, n, false, SelfMask(node));
+        if (self < 0) error = -self;
+    }
     node.selfWd = self < 0 ? -1 : self;
-    node.anchorWd = anchor < 0 ? -1 : anchor;
-    node.anchorName = anchorName;
-    node.anchorIsParent = isParent;
+    node.chain = chain;
     Release(oldSelf, node.path);
-    Release(oldAnchor, node.path);
+    for (int wd : oldChain) Release(wd, node.path);
+    SetRefused(node, IsRefusal(error), error);
     a.after = node.selfWd >= 0;
     a.replaced = a.before && a.after && oldSelf != node.selfWd;
     if (a.after) {
         TW_LOG(Logger(), PRIO_DEBUG, "File notify: watch on %s armed on the file (wd %d)",
                node.path, node.selfWd);
-    } else {
+    } else if (node.refused) {
+        TW_LOG(Logger(), PRIO_DEBUG, "File notify: watch on %s refused by the kernel (%s); retried",
+               node.path, std::string(strerror(error)));
+    } else if (chain.size() < n) {
         TW_LOG(Logger(), PRIO_DEBUG, "File notify: watch on %s waits for %s in %s", node.path,
-               anchorName, anchorDir);
+               node.components[chain.size()], JoinFirst(node.components, chain.size()));
+    } else {
+        TW_LOG(Logger(), PRIO_DEBUG, "File notify: watch on %s waits for the file", node.path);
     }
     return a;
 }
@@ -383,24 +411,48 @@ uint32_t WatchTable::SelfMask(const Node& node) const {
     return mask;
 }
 
-int WatchTable::Acquire(const std::string& path, uint32_t mask, const std::string& user) {
-    // IN_MASK_ADD: several paths may share one directory (or file); each keeps its own bits.
-    const int wd = inotify_add_watch(fd_, path.c_str(), mask | IN_MASK_ADD);
-    if (wd < 0) {
-        const int error = errno;
-        if (error != ENOENT && error != ENOTDIR) {
-            Framework::Counters::Instance().Add(kWatchFailedCounter);
-            uint64_t suppressed = 0;
-            if (gWatchFailedWarn.Allow(suppressed)) {
-                TW_LOG(Logger(), PRIO_WARNING,
-                       "File notify: cannot watch %s: %s (%lu more not logged)", path,
-                       std::string(strerror(error)), static_cast<unsigned long>(suppressed));
-            }
-        }
-        return -error;
+bool WatchTable::FollowLast(const Node& node) const {
+    for (const auto& sub : node.subscribers) {
+        if (sub.options.dontFollow) return false;
     }
-    users_[wd].insert(user);
-    return wd;
+    return true;
+}
+
+int WatchTable::ParentWd(const Node& node) const {
+    const std::size_t n = node.components.size();
+    if (n == 0 || node.chain.size() != n) return -1;
+    return node.chain.back();
+}
+
+int WatchTable::Acquire(const Node& node, std::size_t depth, bool directory, uint32_t mask) {
+    const std::string inner = JoinFirst(node.components, depth);
+    // Looked up inside the scope; the watch goes on what the lookup found, through its
+    // descriptor, so that nothing can swap a host file in between.
+    SDK::UniqueFd fd(node.scope->Open(inner, O_PATH | (directory ? O_DIRECTORY : 0),
+                                      directory || FollowLast(node)));
+    int error = fd.Valid() ? 0 : errno;
+    int wd = -1;
+    if (error == 0) {
+        const std::string link = "/proc/self/fd/" + std::to_string(fd.Get());
+        // IN_MASK_ADD: several paths may share one directory (or file); each keeps its bits.
+        wd = inotify_add_watch(fd_, link.c_str(), mask | IN_MASK_ADD);
+        if (wd < 0) error = errno;
+    }
+    if (error == 0) {
+        users_[wd].insert(node.path);
+        return wd;
+    }
+    if (error != ENOENT && error != ENOTDIR) {
+        Framework::Counters::Instance().Add(kWatchFailedCounter);
+        uint64_t suppressed = 0;
+        if (gWatchFailedWarn.Allow(suppressed)) {
+            TW_LOG(Logger(), PRIO_WARNING,
+                   "File notify: cannot watch %s (%s in container %s): %s (%lu more not logged)",
+                   node.path, inner, node.scope->Label(), std::string(strerror(error)),
+                   static_cast<unsigned long>(suppressed));
+        }
+    }
+    return -error;
 }
 
 void WatchTable::Release(int wd, const std::string& user) {
@@ -414,6 +466,74 @@ void WatchTable::Release(int wd, const std::string& user) {
     inotify_rm_watch(fd_, wd);
 }
 
+void WatchTable::SetRefused(Node& node, bool refused, int error) {
+    if (node.refused == refused) return;
+    node.refused = refused;
+    WatchScope& scope = *node.scope;
+    if (refused) {
+        if (retryAtMs_ == 0) retryAtMs_ = NowMs() + retryDelayMs_;
+        if (scope.refused++ != 0) return;
+        Framework::Counters::Instance().Add(kGapOpenedCounter);
+        TW_LOG(Logger(), PRIO_WARNING,
+               "File notify: coverage gap in %s: the kernel refuses watches (%s); %z of %z "
+               "paths watched, retrying",
+               scope.Label(), std::string(strerror(error)), scope.requested - scope.refused,
+               scope.requested);
+        return;
+    }
+    if (--scope.refused != 0) return;
+    Framework::Counters::Instance().Add(kGapClosedCounter);
+    TW_LOG(Logger(), PRIO_INFORMATION,
+           "File notify: coverage gap in %s closed: %z of %z paths watched", scope.Label(),
+           scope.requested, scope.requested);
+}
+
+void WatchTable::Tick(uint64_t nowMs) {
+    for (auto it = scopes_.begin(); it != scopes_.end();) {
+        it = it->second.expired() ? scopes_.erase(it) : std::next(it);
+    }
+    if (retryAtMs_ == 0 || nowMs < retryAtMs_) return;
+    retryAtMs_ = 0;
+    bool stillRefused = false;
+    for (auto& entry : nodes_) {
+        Node& node = entry.second;
+        if (!node.refused) continue;
+        Framework::Counters::Instance().Add(kRetriedCounter);
+        Rearm(node);
+        // The limit is the kernel's, for all paths alike: no point asking again for the rest.
+        if (node.refused) {
+            stillRefused = true;
+            break;
+        }
+    }
+    retryDelayMs_ = stillRefused ? std::min(retryDelayMs_ * 2, kRetryMaxMs) : kRetryFirstMs;
+    retryAtMs_ = stillRefused ? nowMs + retryDelayMs_ : 0;
+}
+
+std::size_t WatchTable::RefusedCount() const {
+    std::size_t count = 0;
+    for (const auto& entry : nodes_) count += entry.second.refused ? 1 : 0;
+    return count;
+}
+
+std::string WatchTable::CoverageText() const {
+    std::map<const WatchScope*, std::string> labels;
+    std::size_t requested = 0;
+    std::size_t refused = 0;
+    for (const auto& entry : nodes_) {
+        const WatchScope* scope = entry.second.scope.get();
+        if (labels.count(scope) != 0) continue;
+        labels[scope] = scope->Label() + " " + std::to_string(scope->requested - scope->refused) +
+                        "/" + std::to_string(scope->requested);
+        requested += scope->requested;
+        refused += scope->refused;
+    }
+    std::string text = std::to_string(requested - refused) + "/" + std::to_string(requested) +
+                       " paths watched";
+    for (const auto& label : labels) text += ", " + label.second;
+    return text;
+}
+
 void WatchTable::DropKernelWatch(int wd, std::vector<WatchNotification>& out) {
     auto it = users_.find(wd);
     if (it == users_.end()) return;
@@ -424,7 +544,9 @@ void WatchTable::DropKernelWatch(int wd, std::vector<WatchNotification>& out) {
         if (node == nodes_.end()) continue;
         const bool wasArmed = node->second.selfWd >= 0;
         if (node->second.selfWd == wd) node->second.selfWd = -1;
-        if (node->second.anchorWd == wd) node->second.anchorWd = -1;
+        for (int& link : node->second.chain) {
+            if (link == wd) link = -1;
+        }
         const Arming a = Rearm(node->second);
         if (!wasArmed && a.after) Deliver(node->second, "", IN_CREATE, out);
     }

@@ -55,8 +55,9 @@ private:
     void HandleDie(const std::string& id);
     // Brings `running_` in line with the engine's list; false when the list was unavailable.
     bool Resync();
-    // Inspects a container; false (logged, counted) when unavailable or malformed.
-    bool Inspect(const std::string& id, ContainerInfo& info);
+    // Inspects a container (and its first process's pid); false (logged, counted) when
+    // unavailable or malformed.
+    bool Inspect(const std::string& id, ContainerInfo& info, int& pid);
     void Announce(const std::shared_ptr<ContainerInfo>& info);
     void SendTo(const std::string& subscriber, const std::shared_ptr<ContainerInfo>& info);
 

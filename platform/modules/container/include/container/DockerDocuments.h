@@ -32,6 +32,10 @@ bool IsContainerId(const std::string& text);
 /// boolean State.Running; every other member is optional and taken only when of the right
 /// type. On false `error` says why and `info` is unspecified.
 bool ParseContainerInspect(const std::string& text, ContainerInfo& info, std::string& error);
+/// The same, and `pid` = State.Pid (0 when absent or not a positive number): the container's
+/// first process, through which other services see the container's own view of its files.
+bool ParseContainerInspect(const std::string& text, ContainerInfo& info, int& pid,
+                           std::string& error);
 
 /// Reads the ids of a /containers/json answer. All or nothing: an element without a valid
 /// "Id" refuses the whole list (a partial list would look like vanished containers).

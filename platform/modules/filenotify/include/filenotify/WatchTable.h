@@ -3,12 +3,14 @@
 #include <cstddef>
 #include <cstdint>
 #include <map>
+#include <memory>
 #include <set>
 #include <string>
 #include <vector>
 
 #include "filenotify/FileNotifyOpt.h"
 #include "filenotify/InotifyDecoder.h"
+#include "filenotify/WatchScope.h"
 
 namespace Engine {
 
@@ -24,15 +26,24 @@ struct WatchNotification {
 /// The path watches of "filenotify_task" over one inotify instance (owned: opened by the
 /// constructor, closed by the destructor, which drops every kernel watch).
 ///
-/// A watch follows its path, not an inode. Each watched path P holds a kernel watch on the
-/// nearest existing directory on its way (its "anchor": normally P's parent) and, while P
-/// exists, one on P itself. Whatever appears at P (created, renamed onto it, its directory
-/// made) gets the file watch; whatever leaves it (deleted, moved away, replaced) releases it.
+/// A watch follows its path, not an inode. A path below a container's root means what the
+/// container sees there (WatchScope): every lookup is made inside the container, and a kernel
+/// watch is put on what the lookup found (through its descriptor), never on a host file the
+/// container's links or ".." point at. Each watched path P holds a kernel watch on every
+/// directory on its way, from the root down as far as they exist, and, while P exists, one on
+/// P itself (on a link's target). Whatever appears at P or at a directory above it (created,
+/// renamed onto it, its directory made) gets watched; whatever leaves (deleted, moved away,
+/// replaced) is let go and the path is looked up again.
 ///
 /// One user operation is reported once: a deletion is one IN_DELETE (from the directory's or
 /// the file's event, whichever the kernel queues first; nor is the link-count IN_ATTRIB that
 /// precedes it in the same read reported), a move away is the parent's IN_MOVED_FROM (not
 /// IN_MOVE_SELF), a replacement by rename is the parent's IN_MOVED_TO; all carry P as path.
+/// A directory above P that goes or comes reports P as moved/deleted or created.
+///
+/// Watches the kernel refuses (watch limit, memory, descriptors) leave the path uncovered
+/// and are retried by Tick with backoff until they succeed; coverage is kept per container,
+/// and a container's gap is logged and counted once when it opens and once when it closes.
 ///
 /// Not thread-safe: one thread (the task's) calls everything. Memory is bounded by kMaxPaths
 /// paths of at most kMaxRequestersPerPath requesters.
@@ -68,8 +79,19 @@ public:
     /// that appeared, vanished or was replaced meanwhile is reported as such.
     void Resync(std::vector<WatchNotification>& out);
 
+    /// Retries refused watches when their backoff is over (`nowMs`: steady clock, ms). A
+    /// retried path is not reported: what happened while it was uncovered is unknown.
+    void Tick(uint64_t nowMs);
+    /// "<container> <watched>/<requested>" per container, blank-separated, after a total.
+    std::string CoverageText() const;
+
     std::size_t PathCount() const { return nodes_.size(); }
     std::size_t KernelWatchCount() const { return users_.size(); }
+    /// Paths whose watches the kernel refused and that wait for a retry.
+    std::size_t RefusedCount() const;
+
+    static constexpr uint64_t kRetryFirstMs = 250;
+    static constexpr uint64_t kRetryMaxMs = 5000;
 
 private:
     struct Subscriber {
@@ -78,13 +100,14 @@ private:
         _FileNotifyOpt options;
     };
     struct Node {
-        std::string path;
-        std::vector<std::string> components;  // non-empty parts of path
+        std::string path;                     // as requested
+        std::shared_ptr<WatchScope> scope;    // where it is looked up
+        std::vector<std::string> components;  // non-empty parts of the path inside the scope
         std::vector<Subscriber> subscribers;
-        int selfWd = -1;              // watch on the file at path, -1 while it does not exist
-        int anchorWd = -1;            // watch on the nearest existing directory on the way
-        std::string anchorName;       // the component inside the anchor that leads to path
-        bool anchorIsParent = false;  // the anchor is path's own directory
+        int selfWd = -1;                      // on the file at path, -1 while it does not exist
+        std::vector<int> chain;  // chain[k]: on the directory of the first k components, down
+                                 // as far as they exist; -1 where the kernel dropped it
+        bool refused = false;    // the kernel refused one of its watches: retried by Tick
         bool deletionReported = false;  // by the file's event; the directory's is still due
     };
     struct Ahead {  // what comes later in the same read for a file's watch
@@ -98,12 +121,15 @@ private:
     };
 
     Arming Rearm(Node& node);
-    int Acquire(const std::string& path, uint32_t mask, const std::string& user);
+    int Acquire(const Node& node, std::size_t depth, bool directory, uint32_t mask);
     void Release(int wd, const std::string& user);
+    void SetRefused(Node& node, bool refused, int error);
     uint32_t SelfMask(const Node& node) const;
+    bool FollowLast(const Node& node) const;
+    int ParentWd(const Node& node) const;
     void DropKernelWatch(int wd, std::vector<WatchNotification>& out);
-    void HandleAnchorEvent(Node& node, const InotifyRecord& record,
-                           std::vector<WatchNotification>& out);
+    void HandleChainEvent(Node& node, std::size_t level, const InotifyRecord& record,
+                          std::vector<WatchNotification>& out);
     void HandleSelfEvent(Node& node, const InotifyRecord& record, const Ahead& ahead,
                          std::vector<WatchNotification>& out);
     void Deliver(const Node& node, const std::string& child, uint32_t mask,
@@ -114,6 +140,9 @@ private:
     std::vector<char> buffer_;
     std::map<std::string, Node> nodes_;               // by watched path
     std::map<int, std::multiset<std::string>> users_;  // kernel watch -> paths using it
+    WatchScope::Cache scopes_;
+    uint64_t retryAtMs_ = 0;  // 0: no retry due
+    uint64_t retryDelayMs_ = kRetryFirstMs;
 };
 
 }  // namespace Engine

@@ -1,0 +1,82 @@
+#include "filenotify/WatchScope.h"
+
+#include <sys/stat.h>
+
+#include "framework/ContainerRegistry.h"
+#include "framework/RateLimiter.h"
+#include "sdk/Log.h"
+#include "sdk/LoggerUtils.h"
+
+namespace Engine {
+
+namespace {
+constexpr uint64_t kWarnIntervalMs = 10000;
+constexpr std::size_t kLabelLength = 12;
+
+Framework::RateLimiter gFallbackWarn(kWarnIntervalMs);
+
+Poco::Logger* Logger() {
+    return SDK::LoggerUtils::GetInstance()->GetModuleLogger("filenotify_module", true);
+}
+
+// The process's root must be the container's root filesystem itself: a pid can be reused by
+// another process once the container's has exited.
+bool SameDirectory(int fd, const std::string& hostPath) {
+    struct stat a {};
+    struct stat b {};
+    if (fstat(fd, &a) != 0 || stat(hostPath.c_str(), &b) != 0) return false;
+    return a.st_dev == b.st_dev && a.st_ino == b.st_ino;
+}
+}  // namespace
+
+std::shared_ptr<WatchScope> WatchScope::ForPath(const std::string& path, std::string& inner,
+                                                Cache& cache) {
+    Framework::ContainerRegistry::Entry entry;
+    if (!Framework::ContainerRegistry::Instance().Find(path, entry)) {
+        static std::shared_ptr<WatchScope> host =
+            std::make_shared<WatchScope>(Kind::kHost, "/", "", 0, "/");
+        inner = path;
+        return host;
+    }
+    inner = path.substr(entry.rootPath.size());
+    if (inner.empty()) inner = "/";
+    auto cached = cache[entry.rootPath].lock();
+    if (cached && cached->Pid() == entry.pid && cached->Id() == entry.id) return cached;
+    std::shared_ptr<WatchScope> scope;
+    if (entry.pid > 0) {
+        scope = std::make_shared<WatchScope>(Kind::kContainerProcess, entry.rootPath, entry.id,
+                                             entry.pid,
+                                             "/proc/" + std::to_string(entry.pid) + "/root");
+        if (!scope->IsOpen() || !SameDirectory(scope->root_.Fd(), entry.rootPath)) {
+            scope.reset();
+            uint64_t suppressed = 0;
+            if (gFallbackWarn.Allow(suppressed)) {
+                TW_LOG(Logger(), PRIO_WARNING,
+                       "File notify: process %d of container %s is gone; its files are looked "
+                       "up in its root filesystem only, without its mounts (%lu more not logged)",
+                       entry.pid, entry.id.substr(0, kLabelLength),
+                       static_cast<unsigned long>(suppressed));
+            }
+        }
+    }
+    if (!scope) {
+        scope = std::make_shared<WatchScope>(Kind::kContainerRootFs, entry.rootPath, entry.id,
+                                             entry.pid, entry.rootPath);
+    }
+    cache[entry.rootPath] = scope;
+    return scope;
+}
+
+WatchScope::WatchScope(Kind kind, const std::string& rootPath, const std::string& id, int pid,
+                       const std::string& lookupRoot)
+    : kind_(kind), rootPath_(rootPath), id_(id), pid_(pid), root_(lookupRoot) {}
+
+std::string WatchScope::Label() const {
+    return kind_ == Kind::kHost ? std::string("host") : id_.substr(0, kLabelLength);
+}
+
+int WatchScope::Open(const std::string& inner, int flags, bool followLast) const {
+    return root_.Open(inner, flags, followLast);
+}
+
+}  // namespace Engine
