@@ -15,13 +15,14 @@ wait_for() {
 }
 
 # agent_start WORKDIR [extra options]: starts the installed agent in the background with
-# WORKDIR/policy.d, WORKDIR/alarms.jsonl and WORKDIR/agent.log; sets AGENT_PID.
+# WORKDIR/policy.d, WORKDIR/alarms.jsonl and WORKDIR/agent.log; sets AGENT_PID. AGENT_CONFIG
+# names another settings file than the installed one.
 agent_start() {
   local work=$1; shift
   mkdir -p "$work/policy.d"
   : > "$work/alarms.jsonl"
   "$TARNWICK_PREFIX/bin/tarnwick-agent" \
-    --config "$TARNWICK_PREFIX/etc/agent.properties" \
+    --config "${AGENT_CONFIG:-$TARNWICK_PREFIX/etc/agent.properties}" \
     --policy-dir "$work/policy.d" --alarms "$work/alarms.jsonl" \
     --log "$work/agent.log" --log-level "${AGENT_LOG_LEVEL:-debug}" "$@" \
     > "$work/agent.stdout" 2>&1 &

@@ -180,7 +180,7 @@ case_watch_limit_recovers() {
   orig=$(sysctl -n "$sysctl")
   trap 'sysctl -qw "'"$sysctl"'='"$orig"'"; case_cleanup' EXIT
   write_policy "$WORK/policy.d" tarnwick/busybox false /etc/passwd /etc/group /etc/hosts /etc/e2e-a /etc/e2e-b
-  agent_start "$WORK" --config "$(fast_status_config)"
+  AGENT_CONFIG=$(fast_status_config) agent_start "$WORK"
   # Room for a couple more of root's watches, fewer than the container's paths need.
   used=$(root_inotify_watches)
   sysctl -qw "$sysctl=$((used + 2))"
