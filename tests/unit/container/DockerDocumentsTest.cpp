@@ -78,6 +78,23 @@ TEST_F(InspectDocument, RunningContainerMapsEveryMember) {
               "72ccc15e29e8e265c50bdddc1a1e0f282952b857c713937cf0911d7e2caa1f7d/merged");
 }
 
+TEST_F(InspectDocument, ProcessIdOfARunningContainerAndNoneOfAnExitedOrOddOne) {
+    ContainerInfo info;
+    std::string error;
+    int pid = -1;
+    ASSERT_TRUE(ParseContainerInspect(ReadData("inspect_running.json"), info, pid, error));
+    EXPECT_EQ(pid, 15799);
+    ASSERT_TRUE(ParseContainerInspect(ReadData("inspect_exited.json"), info, pid, error));
+    EXPECT_EQ(pid, 0);
+    for (const char* state : {R"("Pid":-5)", R"("Pid":"15799")", R"("Pid":1e12)", R"("X":1)"}) {
+        pid = -1;
+        const std::string doc =
+            std::string(R"({"Id":"ab","State":{"Running":true,)") + state + "}}";
+        ASSERT_TRUE(ParseContainerInspect(doc, info, pid, error)) << doc << ": " << error;
+        EXPECT_EQ(pid, 0) << doc;
+    }
+}
+
 TEST_F(InspectDocument, ExitedContainerIsNotRunning) {
     ContainerInfo info;
     std::string error;

@@ -1,0 +1,229 @@
+// Watched paths below a container's root mean what the container sees there. The container
+// here is a directory recorded without a process, so its paths are looked up in its root
+// filesystem alone: links and ".." are confined the same way, and no privilege is needed.
+#include <fcntl.h>
+#include <poll.h>
+#include <sys/inotify.h>
+#include <sys/stat.h>
+#include <sys/sysmacros.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <cstdio>
+#include <cstdlib>
+#include <fstream>
+#include <set>
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include "filenotify/WatchTable.h"
+#include "framework/ContainerRegistry.h"
+
+namespace {
+
+using Engine::WatchNotification;
+using Engine::WatchTable;
+
+constexpr uint32_t kAll = IN_CREATE | IN_MODIFY | IN_DELETE | IN_MOVE | IN_ATTRIB |
+                          IN_DELETE_SELF | IN_MOVE_SELF;
+const char* const kId = "c0ffee0123456789abcdef";
+
+void Write(const std::string& path, const std::string& text) {
+    std::ofstream out(path, std::ios::app);
+    out << text;
+    ASSERT_TRUE(out.good()) << path;
+}
+
+void MakeDirs(const std::string& path) {
+    ASSERT_EQ(std::system(("mkdir -p '" + path + "'").c_str()), 0) << path;
+}
+
+// "ino sdev" pairs of every watch the inotify descriptor holds, as the kernel lists them.
+std::set<std::string> WatchedInodes(int fd) {
+    std::ifstream in("/proc/self/fdinfo/" + std::to_string(fd));
+    std::set<std::string> inodes;
+    for (std::string line; std::getline(in, line);) {
+        if (line.rfind("inotify", 0) != 0) continue;
+        const auto ino = line.find("ino:");
+        const auto sdev = line.find("sdev:");
+        const auto end = line.find(' ', sdev);
+        inodes.insert(line.substr(ino, end - ino));
+    }
+    return inodes;
+}
+
+std::string InodeKey(const std::string& path) {
+    struct stat st {};
+    EXPECT_EQ(::stat(path.c_str(), &st), 0) << path;
+    char text[64];
+    // fdinfo prints the kernel's device number: major in the bits above 20.
+    std::snprintf(text, sizeof(text), "ino:%lx sdev:%lx", static_cast<unsigned long>(st.st_ino),
+                  static_cast<unsigned long>((major(st.st_dev) << 20) | minor(st.st_dev)));
+    return text;
+}
+
+class ContainerPathTest : public ::testing::Test {
+protected:
+    void SetUp() override {
+        char templ[] = "/tmp/tarnwick-containerpath-XXXXXX";
+        dir_ = ::mkdtemp(templ);
+        root_ = dir_ + "/merged";
+        MakeDirs(root_ + "/etc");
+        Framework::ContainerRegistry::Instance().Started(root_, kId, 0);
+        ASSERT_TRUE(table_.IsOpen());
+    }
+    void TearDown() override {
+        Framework::ContainerRegistry::Instance().Clear();
+        std::system(("rm -rf '" + dir_ + "'").c_str());
+    }
+
+    std::vector<WatchNotification> ReadUntil(std::size_t count, int seconds = 10) {
+        std::vector<WatchNotification> out;
+        const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(seconds);
+        while (out.size() < count && std::chrono::steady_clock::now() < deadline) {
+            struct pollfd p = {table_.Fd(), POLLIN, 0};
+            if (::poll(&p, 1, 100) > 0) table_.ReadEvents(out);
+        }
+        return out;
+    }
+    // Everything the kernel has queued by now; the caller made a later change that proves
+    // earlier events were read.
+    // (until one for `path` carries `mask`, when given).
+    std::vector<WatchNotification> ReadUntilPath(const std::string& path, uint32_t mask = 0) {
+        std::vector<WatchNotification> out;
+        const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
+        auto seen = [&] {
+            for (const auto& n : out) {
+                if (n.path == path && (mask == 0 || n.mask == mask)) return true;
+            }
+            return false;
+        };
+        while (!seen() && std::chrono::steady_clock::now() < deadline) {
+            struct pollfd p = {table_.Fd(), POLLIN, 0};
+            if (::poll(&p, 1, 100) > 0) table_.ReadEvents(out);
+        }
+        return out;
+    }
+
+    std::string dir_;
+    std::string root_;
+    WatchTable table_;
+    Engine::_FileNotifyOpt options_;
+};
+
+TEST_F(ContainerPathTest, LinksOutOfTheRootLeadToTheContainersOwnFile) {
+    Write(root_ + "/etc/passwd", "root:x:0:0::/:/bin/sh\n");
+    ASSERT_EQ(::symlink("/etc/passwd", (root_ + "/etc/absolute").c_str()), 0);
+    ASSERT_EQ(::symlink("../../../../../../../../etc/passwd", (root_ + "/etc/climbing").c_str()),
+              0);
+    ASSERT_EQ(::symlink("loop", (root_ + "/etc/loop").c_str()), 0);
+    ASSERT_TRUE(table_.Add(root_ + "/etc/absolute", "r", kAll, options_));
+    ASSERT_TRUE(table_.Add(root_ + "/etc/climbing", "r", kAll, options_));
+    ASSERT_TRUE(table_.Add(root_ + "/etc/loop", "r", kAll, options_));
+
+    const auto watched = WatchedInodes(table_.Fd());
+    EXPECT_EQ(watched.count(InodeKey("/etc/passwd")), 0u) << "the host's file is watched";
+    EXPECT_EQ(watched.count(InodeKey(root_ + "/etc/passwd")), 1u);
+    EXPECT_EQ(table_.RefusedCount(), 0u);  // a link loop is a path that leads nowhere
+
+    Write(root_ + "/etc/passwd", "e2e:x:5:5::/:/bin/false\n");
+    const auto out = ReadUntil(2);
+    ASSERT_EQ(out.size(), 2u);
+    std::set<std::string> paths;
+    for (const auto& n : out) {
+        EXPECT_EQ(n.mask, static_cast<uint32_t>(IN_MODIFY));
+        paths.insert(n.path);
+    }
+    EXPECT_EQ(paths, (std::set<std::string>{root_ + "/etc/absolute", root_ + "/etc/climbing"}));
+}
+
+TEST_F(ContainerPathTest, AFileReplacedByALinkIsWatchedAtTheLinksTargetInTheContainer) {
+    const std::string conf = root_ + "/etc/conf";
+    Write(conf, "a\n");
+    MakeDirs(root_ + "/data");
+    Write(root_ + "/data/conf", "b\n");
+    ASSERT_TRUE(table_.Add(conf, "r", kAll, options_));
+    ASSERT_EQ(::unlink(conf.c_str()), 0);
+    ASSERT_EQ(::symlink("/data/conf", conf.c_str()), 0);
+    const auto replaced = ReadUntil(2);
+    ASSERT_EQ(replaced.size(), 2u);
+    EXPECT_EQ(replaced[0].mask, static_cast<uint32_t>(IN_DELETE));
+    EXPECT_EQ(replaced[1].mask, static_cast<uint32_t>(IN_CREATE));
+
+    Write(root_ + "/data/conf", "c\n");
+    const auto written = ReadUntil(1);
+    ASSERT_EQ(written.size(), 1u);
+    EXPECT_EQ(written[0].path, conf);
+    EXPECT_EQ(written[0].mask, static_cast<uint32_t>(IN_MODIFY));
+}
+
+TEST_F(ContainerPathTest, ADirectoryAboveTheFileMovedAwayAndRemadeIsFollowed) {
+    const std::string file = root_ + "/srv/app/conf/app.conf";
+    MakeDirs(root_ + "/srv/app/conf");
+    Write(file, "one\n");
+    ASSERT_TRUE(table_.Add(file, "r", kAll, options_));
+
+    ASSERT_EQ(::rename((root_ + "/srv/app").c_str(), (root_ + "/srv/app.old").c_str()), 0);
+    const auto moved = ReadUntil(1);
+    ASSERT_EQ(moved.size(), 1u);
+    EXPECT_EQ(moved[0].path, file);
+    EXPECT_EQ(moved[0].mask, static_cast<uint32_t>(IN_MOVED_FROM));
+
+    // The moved-away file is no longer the path's; a probe proves its write was read.
+    ASSERT_TRUE(table_.Add(root_ + "/srv/probe", "r", kAll, options_));
+    Write(root_ + "/srv/app.old/conf/app.conf", "old\n");
+    Write(root_ + "/srv/probe", "p\n");
+    for (const auto& n : ReadUntilPath(root_ + "/srv/probe")) EXPECT_NE(n.path, file);
+
+    MakeDirs(root_ + "/srv/app/conf");
+    Write(file, "two\n");
+    auto remade = ReadUntilPath(file);
+    ASSERT_FALSE(remade.empty());
+    EXPECT_EQ(remade.back().mask, static_cast<uint32_t>(IN_CREATE));
+    Write(file, "three\n");
+    const auto written = ReadUntil(1);
+    ASSERT_EQ(written.size(), 1u);
+    EXPECT_EQ(written[0].mask, static_cast<uint32_t>(IN_MODIFY));
+}
+
+TEST_F(ContainerPathTest, ATreeSwappedInByOneRenameIsFollowed) {
+    const std::string file = root_ + "/srv/app/app.conf";
+    MakeDirs(root_ + "/srv/app");
+    MakeDirs(root_ + "/srv/new");
+    Write(file, "old\n");
+    Write(root_ + "/srv/new/app.conf", "new\n");
+    ASSERT_TRUE(table_.Add(file, "r", kAll, options_));
+    ASSERT_EQ(::rename((root_ + "/srv/app").c_str(), (root_ + "/srv/gone").c_str()), 0);
+    ASSERT_EQ(::rename((root_ + "/srv/new").c_str(), (root_ + "/srv/app").c_str()), 0);
+    // Read after both renames, it is one replacement; read in between, a move away and back.
+    auto swapped = ReadUntilPath(file, IN_MOVED_TO);
+    ASSERT_FALSE(swapped.empty());
+    EXPECT_LE(swapped.size(), 2u);
+    EXPECT_EQ(swapped.back().mask, static_cast<uint32_t>(IN_MOVED_TO));
+    Write(file, "more\n");
+    const auto written = ReadUntil(1);
+    ASSERT_EQ(written.size(), 1u);
+    EXPECT_EQ(written[0].mask, static_cast<uint32_t>(IN_MODIFY));
+}
+
+TEST_F(ContainerPathTest, CoverageIsCountedPerContainerAndForTheHost) {
+    Framework::ContainerRegistry::Instance().Started(dir_ + "/other", "feedbeef00112233", 0);
+    MakeDirs(dir_ + "/other/etc");
+    ASSERT_TRUE(table_.Add(root_ + "/etc/a", "r", kAll, options_));
+    ASSERT_TRUE(table_.Add(root_ + "//etc/b", "r", kAll, options_));
+    ASSERT_TRUE(table_.Add(dir_ + "/other/etc/a", "r", kAll, options_));
+    ASSERT_TRUE(table_.Add(dir_ + "/host-file", "r", kAll, options_));
+    const std::string text = table_.CoverageText();
+    EXPECT_EQ(text.rfind("4/4 paths watched", 0), 0u) << text;
+    EXPECT_NE(text.find("c0ffee012345 2/2"), std::string::npos) << text;
+    EXPECT_NE(text.find("feedbeef0011 1/1"), std::string::npos) << text;
+    EXPECT_NE(text.find("host 1/1"), std::string::npos) << text;
+    ASSERT_TRUE(table_.Remove(root_ + "/etc/a", "r"));
+    ASSERT_TRUE(table_.Remove(root_ + "//etc/b", "r"));
+    EXPECT_EQ(table_.CoverageText().find("c0ffee012345"), std::string::npos);
+}
+
+}  // namespace
