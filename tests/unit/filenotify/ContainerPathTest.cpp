@@ -2,6 +2,7 @@
 // here is a directory recorded without a process, so its paths are looked up in its root
 // filesystem alone: links and ".." are confined the same way, and no privilege is needed.
 #include <fcntl.h>
+#include <gtest/gtest.h>
 #include <poll.h>
 #include <sys/inotify.h>
 #include <sys/stat.h>
@@ -17,8 +18,6 @@
 #include <string>
 #include <vector>
 
-#include <gtest/gtest.h>
-
 #include "filenotify/WatchTable.h"
 #include "framework/ContainerRegistry.h"
 
@@ -27,8 +26,8 @@ namespace {
 using Engine::WatchNotification;
 using Engine::WatchTable;
 
-constexpr uint32_t kAll = IN_CREATE | IN_MODIFY | IN_DELETE | IN_MOVE | IN_ATTRIB |
-                          IN_DELETE_SELF | IN_MOVE_SELF;
+constexpr uint32_t kAll =
+    IN_CREATE | IN_MODIFY | IN_DELETE | IN_MOVE | IN_ATTRIB | IN_DELETE_SELF | IN_MOVE_SELF;
 const char* const kId = "c0ffee0123456789abcdef";
 
 void Write(const std::string& path, const std::string& text) {

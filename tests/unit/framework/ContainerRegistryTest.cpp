@@ -1,6 +1,6 @@
-#include <string>
-
 #include <gtest/gtest.h>
+
+#include <string>
 
 #include "framework/ContainerRegistry.h"
 
@@ -26,12 +26,12 @@ TEST_F(ContainerRegistryTest, PathsBelongToTheDeepestRootAtAComponentBoundary) {
     registry_.Started("/var/lib/docker/overlay2/a/merged/", "aa", 10);
     registry_.Started("/var/lib/docker/overlay2/a/merged/nested", "bb", 11);
     EXPECT_EQ(RootOf("/var/lib/docker/overlay2/a/merged/etc/passwd"),
-                     "/var/lib/docker/overlay2/a/merged");
+              "/var/lib/docker/overlay2/a/merged");
     EXPECT_EQ(RootOf("/var/lib/docker/overlay2/a/merged//etc/passwd"),
-                     "/var/lib/docker/overlay2/a/merged");
+              "/var/lib/docker/overlay2/a/merged");
     EXPECT_EQ(RootOf("/var/lib/docker/overlay2/a/merged"), "/var/lib/docker/overlay2/a/merged");
     EXPECT_EQ(RootOf("/var/lib/docker/overlay2/a/merged/nested/x"),
-                     "/var/lib/docker/overlay2/a/merged/nested");
+              "/var/lib/docker/overlay2/a/merged/nested");
     // A name that merely begins like a root is the host's.
     EXPECT_EQ(RootOf("/var/lib/docker/overlay2/a/mergedetc/hosts"), "");
     EXPECT_EQ(RootOf("/var/lib/docker/overlay2/a"), "");

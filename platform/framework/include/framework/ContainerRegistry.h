@@ -38,7 +38,7 @@ public:
     void Clear();
 
 private:
-    mutable std::mutex mutex_;  // guards entries_ and exited_
+    mutable std::mutex mutex_;              // guards entries_ and exited_
     std::map<std::string, Entry> entries_;  // by root path
     std::deque<std::string> exited_;        // exited roots, oldest first
 };

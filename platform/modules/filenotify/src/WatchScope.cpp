@@ -44,9 +44,9 @@ std::shared_ptr<WatchScope> WatchScope::ForPath(const std::string& path, std::st
     if (cached && cached->Pid() == entry.pid && cached->Id() == entry.id) return cached;
     std::shared_ptr<WatchScope> scope;
     if (entry.pid > 0) {
-        scope = std::make_shared<WatchScope>(Kind::kContainerProcess, entry.rootPath, entry.id,
-                                             entry.pid,
-                                             "/proc/" + std::to_string(entry.pid) + "/root");
+        scope =
+            std::make_shared<WatchScope>(Kind::kContainerProcess, entry.rootPath, entry.id,
+                                         entry.pid, "/proc/" + std::to_string(entry.pid) + "/root");
         if (!scope->IsOpen() || !SameDirectory(scope->root_.Fd(), entry.rootPath)) {
             scope.reset();
             uint64_t suppressed = 0;

@@ -12,10 +12,10 @@
 #include <utility>
 
 #include "framework/Counters.h"
-#include "sdk/UniqueFd.h"
 #include "framework/RateLimiter.h"
 #include "sdk/Log.h"
 #include "sdk/LoggerUtils.h"
+#include "sdk/UniqueFd.h"
 
 namespace Engine {
 
@@ -528,8 +528,8 @@ std::string WatchTable::CoverageText() const {
         requested += scope->requested;
         refused += scope->refused;
     }
-    std::string text = std::to_string(requested - refused) + "/" + std::to_string(requested) +
-                       " paths watched";
+    std::string text =
+        std::to_string(requested - refused) + "/" + std::to_string(requested) + " paths watched";
     for (const auto& label : labels) text += ", " + label.second;
     return text;
 }

@@ -104,7 +104,7 @@ private:
         std::shared_ptr<WatchScope> scope;    // where it is looked up
         std::vector<std::string> components;  // non-empty parts of the path inside the scope
         std::vector<Subscriber> subscribers;
-        int selfWd = -1;                      // on the file at path, -1 while it does not exist
+        int selfWd = -1;         // on the file at path, -1 while it does not exist
         std::vector<int> chain;  // chain[k]: on the directory of the first k components, down
                                  // as far as they exist; -1 where the kernel dropped it
         bool refused = false;    // the kernel refused one of its watches: retried by Tick
