@@ -5,6 +5,7 @@
 #include <gtest/gtest.h>
 #include <poll.h>
 #include <sys/inotify.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
 #include <sys/sysmacros.h>
 #include <unistd.h>
@@ -20,6 +21,7 @@
 
 #include "filenotify/WatchTable.h"
 #include "framework/ContainerRegistry.h"
+#include "framework/Counters.h"
 
 namespace {
 
@@ -223,6 +225,67 @@ TEST_F(ContainerPathTest, CoverageIsCountedPerContainerAndForTheHost) {
     ASSERT_TRUE(table_.Remove(root_ + "/etc/a", "r"));
     ASSERT_TRUE(table_.Remove(root_ + "//etc/b", "r"));
     EXPECT_EQ(table_.CoverageText().find("c0ffee012345"), std::string::npos);
+}
+
+// The kernel's refusal is provoked with the descriptor limit (every lookup needs one), which
+// needs no privilege, unlike the watch limit.
+class RefusedWatchTest : public ContainerPathTest {
+protected:
+    void TearDown() override {
+        if (lowered_) ::setrlimit(RLIMIT_NOFILE, &saved_);
+        ContainerPathTest::TearDown();
+    }
+    // No descriptor left to open: every one below the lowest free number is in use.
+    void RunOutOfDescriptors() {
+        ASSERT_EQ(::getrlimit(RLIMIT_NOFILE, &saved_), 0);
+        const int lowest = ::open("/dev/null", O_RDONLY | O_CLOEXEC);
+        ASSERT_GE(lowest, 0);
+        ::close(lowest);
+        struct rlimit low = saved_;
+        low.rlim_cur = static_cast<rlim_t>(lowest);
+        ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &low), 0);
+        lowered_ = true;
+    }
+    void Restore() {
+        ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &saved_), 0);
+        lowered_ = false;
+    }
+    static uint64_t Count(const char* name) { return Framework::Counters::Instance().Value(name); }
+
+    struct rlimit saved_ {};
+    bool lowered_ = false;
+};
+
+TEST_F(RefusedWatchTest, ARefusedPathIsAGapUntilARetrySucceedsWithBackoffInBetween) {
+    const std::string file = root_ + "/etc/passwd";
+    Write(file, "root:x:0:0::/:/bin/sh\n");
+    const uint64_t opened = Count("filenotify.coverage.gap_opened");
+    const uint64_t closed = Count("filenotify.coverage.gap_closed");
+    const uint64_t retried = Count("filenotify.watch.retried");
+    RunOutOfDescriptors();
+    const bool added = table_.Add(file, "r", kAll, options_);
+    const bool added2 = table_.Add(root_ + "/etc/group", "r", kAll, options_);
+    table_.Tick(UINT64_MAX / 2);  // due: retried once, refused again
+    table_.Tick(UINT64_MAX / 2);  // the next retry waits for its backoff
+    Restore();
+    ASSERT_TRUE(added);  // accepted: a refusal is the kernel's, for now
+    ASSERT_TRUE(added2);
+    EXPECT_EQ(table_.RefusedCount(), 2u);
+    EXPECT_EQ(Count("filenotify.coverage.gap_opened"), opened + 1);  // once per container
+    EXPECT_EQ(Count("filenotify.watch.retried"), retried + 1);       // stops at the first refusal
+    EXPECT_NE(table_.CoverageText().find("c0ffee012345 0/2"), std::string::npos)
+        << table_.CoverageText();
+
+    table_.Tick(UINT64_MAX / 2 + WatchTable::kRetryMaxMs);
+    EXPECT_EQ(table_.RefusedCount(), 0u);
+    EXPECT_EQ(Count("filenotify.coverage.gap_closed"), closed + 1);
+    EXPECT_NE(table_.CoverageText().find("c0ffee012345 2/2"), std::string::npos);
+    // Nothing is reported for the retry itself; the file is watched from now on.
+    Write(file, "e2e:x:5:5::/:/bin/false\n");
+    const auto out = ReadUntil(1);
+    ASSERT_EQ(out.size(), 1u);
+    EXPECT_EQ(out[0].path, file);
+    EXPECT_EQ(out[0].mask, static_cast<uint32_t>(IN_MODIFY));
 }
 
 }  // namespace

@@ -28,11 +28,13 @@ public:
     static std::shared_ptr<WatchScope> ForPath(const std::string& path, std::string& inner,
                                                Cache& cache);
 
-    WatchScope(Kind kind, const std::string& rootPath, const std::string& id, int pid,
-               const std::string& lookupRoot);
+    /// A scope of `kind` for the container at `rootPath` (id, recorded process); its root is
+    /// opened at the first lookup.
+    WatchScope(Kind kind, const std::string& rootPath, const std::string& id, int pid);
     WatchScope(const WatchScope&) = delete;
     WatchScope& operator=(const WatchScope&) = delete;
 
+    /// kContainerProcess turns into kContainerRootFs once the process is found gone.
     Kind GetKind() const { return kind_; }
     /// Host path of the container's root filesystem ("/" for the host).
     const std::string& RootPath() const { return rootPath_; }
@@ -41,21 +43,25 @@ public:
     const std::string& Id() const { return id_; }
     /// Short name for logs and status: the container id's first 12 digits, or "host".
     std::string Label() const;
-    bool IsOpen() const { return root_.IsOpen(); }
 
-    /// Opens `inner` as seen inside the scope (ContainerRoot::Open); -1 with errno set.
-    int Open(const std::string& inner, int flags, bool followLast) const;
+    /// Opens `inner` as seen inside the scope (ContainerRoot::Open); -1 with errno set. The
+    /// root itself is opened again first if that failed before (e.g. no descriptor left), so
+    /// a later retry can succeed.
+    int Open(const std::string& inner, int flags, bool followLast);
 
     /// Watched paths of this scope, and how many of them the kernel refused a watch for.
     std::size_t requested = 0;
     std::size_t refused = 0;
 
 private:
+    // Opens the root for lookups; false with errno set.
+    bool OpenRoot();
+
     Kind kind_;
     std::string rootPath_;
     std::string id_;
     int pid_;
-    SDK::ContainerRoot root_;
+    std::unique_ptr<SDK::ContainerRoot> root_;
 };
 
 }  // namespace Engine
