@@ -1,6 +1,9 @@
 #include <gtest/gtest.h>
 
+#include <atomic>
+#include <chrono>
 #include <string>
+#include <thread>
 
 #include "framework/ContainerRegistry.h"
 
@@ -78,6 +81,35 @@ TEST_F(ContainerRegistryTest, OnlyTheMostRecentlyExitedAreKept) {
         registry_.Exited(root);
     }
     EXPECT_EQ(RootOf("/running/etc"), "/running");
+}
+
+// The container service records while the file-notify service looks up, on other threads.
+TEST_F(ContainerRegistryTest, LookupsWhileContainersComeAndGoSeeWholeEntries) {
+    constexpr int kRoots = 64;
+    std::atomic<bool> stop{false};
+    std::thread writer([&] {
+        for (int round = 0; !stop.load(); ++round) {
+            for (int i = 0; i < kRoots; ++i) {
+                const std::string root = "/r/" + std::to_string(i);
+                registry_.Started(root, "id" + std::to_string(i), 100 + i);
+                if (round % 2 == 1) registry_.Exited(root);
+            }
+        }
+    });
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(300);
+    std::size_t found = 0;
+    while (std::chrono::steady_clock::now() < deadline) {
+        for (int i = 0; i < kRoots; ++i) {
+            ContainerRegistry::Entry entry;
+            if (!registry_.Find("/r/" + std::to_string(i) + "/etc/passwd", entry)) continue;
+            ++found;
+            ASSERT_EQ(entry.id, "id" + std::to_string(i));
+            ASSERT_TRUE(entry.pid == 0 || entry.pid == 100 + i);
+        }
+    }
+    stop = true;
+    writer.join();
+    EXPECT_GT(found, 0u);
 }
 
 }  // namespace
