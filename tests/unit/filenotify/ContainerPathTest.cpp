@@ -161,6 +161,35 @@ TEST_F(ContainerPathTest, AFileReplacedByALinkIsWatchedAtTheLinksTargetInTheCont
     EXPECT_EQ(written[0].mask, static_cast<uint32_t>(IN_MODIFY));
 }
 
+TEST_F(ContainerPathTest, ALinksTargetMovedAwayAndMadeAgainIsFollowedByTheLinkCheck) {
+    const std::string conf = root_ + "/etc/conf";
+    MakeDirs(root_ + "/data");
+    Write(root_ + "/data/conf", "a\n");
+    ASSERT_EQ(::symlink("/data/conf", conf.c_str()), 0);
+    ASSERT_TRUE(table_.Add(conf, "r", kAll, options_));
+    ASSERT_EQ(::rename((root_ + "/data/conf").c_str(), (root_ + "/data/old").c_str()), 0);
+    const auto moved = ReadUntil(1);
+    ASSERT_EQ(moved.size(), 1u);
+    EXPECT_EQ(moved[0].mask, static_cast<uint32_t>(IN_MOVE_SELF));
+
+    // Nothing watches /data: only the periodic look-up finds the new target.
+    Write(root_ + "/data/conf", "b\n");
+    std::vector<WatchNotification> out;
+    uint64_t now = 1;
+    table_.Tick(now, out);
+    table_.Tick(now += WatchTable::kLinkCheckMs, out);
+    ASSERT_EQ(out.size(), 1u);
+    EXPECT_EQ(out[0].path, conf);
+    EXPECT_EQ(out[0].mask, static_cast<uint32_t>(IN_CREATE));
+    out.clear();
+    table_.Tick(now += WatchTable::kLinkCheckMs, out);  // unchanged: nothing
+    EXPECT_TRUE(out.empty());
+    Write(root_ + "/data/conf", "c\n");
+    const auto written = ReadUntil(1);
+    ASSERT_EQ(written.size(), 1u);
+    EXPECT_EQ(written[0].mask, static_cast<uint32_t>(IN_MODIFY));
+}
+
 TEST_F(ContainerPathTest, ADirectoryAboveTheFileMovedAwayAndRemadeIsFollowed) {
     const std::string file = root_ + "/srv/app/conf/app.conf";
     MakeDirs(root_ + "/srv/app/conf");
@@ -254,6 +283,7 @@ protected:
 
     struct rlimit saved_ {};
     bool lowered_ = false;
+    std::vector<WatchNotification> ticked_;
 };
 
 TEST_F(RefusedWatchTest, ARefusedPathIsAGapUntilARetrySucceedsWithBackoffInBetween) {
@@ -265,8 +295,8 @@ TEST_F(RefusedWatchTest, ARefusedPathIsAGapUntilARetrySucceedsWithBackoffInBetwe
     RunOutOfDescriptors();
     const bool added = table_.Add(file, "r", kAll, options_);
     const bool added2 = table_.Add(root_ + "/etc/group", "r", kAll, options_);
-    table_.Tick(UINT64_MAX / 2);  // due: retried once, refused again
-    table_.Tick(UINT64_MAX / 2);  // the next retry waits for its backoff
+    table_.Tick(UINT64_MAX / 2, ticked_);  // due: retried once, refused again
+    table_.Tick(UINT64_MAX / 2, ticked_);  // the next retry waits for its backoff
     Restore();
     ASSERT_TRUE(added);  // accepted: a refusal is the kernel's, for now
     ASSERT_TRUE(added2);
@@ -276,7 +306,7 @@ TEST_F(RefusedWatchTest, ARefusedPathIsAGapUntilARetrySucceedsWithBackoffInBetwe
     EXPECT_NE(table_.CoverageText().find("c0ffee012345 0/2"), std::string::npos)
         << table_.CoverageText();
 
-    table_.Tick(UINT64_MAX / 2 + WatchTable::kRetryMaxMs);
+    table_.Tick(UINT64_MAX / 2 + WatchTable::kRetryMaxMs, ticked_);
     EXPECT_EQ(table_.RefusedCount(), 0u);
     EXPECT_EQ(Count("filenotify.coverage.gap_closed"), closed + 1);
     EXPECT_NE(table_.CoverageText().find("c0ffee012345 2/2"), std::string::npos);

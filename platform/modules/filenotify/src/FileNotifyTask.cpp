@@ -57,7 +57,9 @@ int FileNotifyTask::Run() {
         if (GetEventWaiter().WaitAndHandleEvent(kWaitMs, kMaxEvents) == -1) BulkConsumeMsg(kBulk);
         if (!table_) continue;
         const uint64_t now = NowMs();
-        table_->Tick(now);
+        std::vector<WatchNotification> notifications;
+        table_->Tick(now, notifications);
+        Send(notifications);
         if (now - publishedAtMs >= kPublishEveryMs) {
             Framework::StatusBoard::Instance().Set(kCoverageStatus, table_->CoverageText());
             publishedAtMs = now;

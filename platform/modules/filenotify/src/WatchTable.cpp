@@ -356,7 +356,7 @@ void WatchTable::Deliver(const Node& node, const std::string& child, uint32_t ma
     }
 }
 
-WatchTable::Arming WatchTable::Rearm(Node& node) {
+WatchTable::Arming WatchTable::Rearm(Node& node, bool log) {
     Arming a;
     a.before = node.selfWd >= 0;
     const int oldSelf = node.selfWd;
@@ -383,11 +383,13 @@ WatchTable::Arming WatchTable::Rearm(Node& node) {
     }
     node.selfWd = self < 0 ? -1 : self;
     node.chain = chain;
+    node.viaLink = chain.size() == n && n > 0 && IsLink(node);
     Release(oldSelf, node.path);
     for (int wd : oldChain) Release(wd, node.path);
     SetRefused(node, IsRefusal(error), error);
     a.after = node.selfWd >= 0;
     a.replaced = a.before && a.after && oldSelf != node.selfWd;
+    if (!log) return a;
     if (a.after) {
         TW_LOG(Logger(), PRIO_DEBUG, "File notify: watch on %s armed on the file (wd %d)",
                node.path, node.selfWd);
@@ -416,6 +418,13 @@ bool WatchTable::FollowLast(const Node& node) const {
         if (sub.options.dontFollow) return false;
     }
     return true;
+}
+
+bool WatchTable::IsLink(Node& node) {
+    SDK::UniqueFd fd(
+        node.scope->Open(JoinFirst(node.components, node.components.size()), O_PATH, false));
+    struct stat st {};
+    return fd.Valid() && fstat(fd.Get(), &st) == 0 && S_ISLNK(st.st_mode);
 }
 
 int WatchTable::ParentWd(const Node& node) const {
@@ -488,9 +497,13 @@ void WatchTable::SetRefused(Node& node, bool refused, int error) {
            scope.requested, scope.requested);
 }
 
-void WatchTable::Tick(uint64_t nowMs) {
+void WatchTable::Tick(uint64_t nowMs, std::vector<WatchNotification>& out) {
     for (auto it = scopes_.begin(); it != scopes_.end();) {
         it = it->second.expired() ? scopes_.erase(it) : std::next(it);
+    }
+    if (nowMs >= linkCheckAtMs_) {
+        linkCheckAtMs_ = nowMs + kLinkCheckMs;
+        CheckLinks(out);
     }
     if (retryAtMs_ == 0 || nowMs < retryAtMs_) return;
     retryAtMs_ = 0;
@@ -508,6 +521,21 @@ void WatchTable::Tick(uint64_t nowMs) {
     }
     retryDelayMs_ = stillRefused ? std::min(retryDelayMs_ * 2, kRetryMaxMs) : kRetryFirstMs;
     retryAtMs_ = stillRefused ? nowMs + retryDelayMs_ : 0;
+}
+
+void WatchTable::CheckLinks(std::vector<WatchNotification>& out) {
+    for (auto& entry : nodes_) {
+        Node& node = entry.second;
+        if (!node.viaLink || node.refused) continue;
+        const Arming a = Rearm(node, false);
+        if (!a.before && a.after) Deliver(node, "", IN_CREATE, out);
+        if (a.before && !a.after) Deliver(node, "", IN_DELETE, out);
+        if (a.replaced) Deliver(node, "", IN_MOVED_TO, out);
+        if (a.before != a.after || a.replaced) {
+            TW_LOG(Logger(), PRIO_DEBUG, "File notify: watch on %s re-armed at the link's target",
+                   node.path);
+        }
+    }
 }
 
 std::size_t WatchTable::RefusedCount() const {

@@ -79,9 +79,12 @@ public:
     /// that appeared, vanished or was replaced meanwhile is reported as such.
     void Resync(std::vector<WatchNotification>& out);
 
-    /// Retries refused watches when their backoff is over (`nowMs`: steady clock, ms). A
-    /// retried path is not reported: what happened while it was uncovered is unknown.
-    void Tick(uint64_t nowMs);
+    /// Periodic work (`nowMs`: steady clock, ms). Retries refused watches when their backoff
+    /// is over; a retried path is not reported: what happened while it was uncovered is
+    /// unknown. Every kLinkCheckMs looks paths that are links up again, since their target's
+    /// directories are not watched: a target that appeared, vanished or was replaced is
+    /// reported like the path's own (appended to `out`).
+    void Tick(uint64_t nowMs, std::vector<WatchNotification>& out);
     /// "<container> <watched>/<requested>" per container, blank-separated, after a total.
     std::string CoverageText() const;
 
@@ -92,6 +95,7 @@ public:
 
     static constexpr uint64_t kRetryFirstMs = 250;
     static constexpr uint64_t kRetryMaxMs = 5000;
+    static constexpr uint64_t kLinkCheckMs = 2000;
 
 private:
     struct Subscriber {
@@ -108,6 +112,7 @@ private:
         std::vector<int> chain;  // chain[k]: on the directory of the first k components, down
                                  // as far as they exist; -1 where the kernel dropped it
         bool refused = false;    // the kernel refused one of its watches: retried by Tick
+        bool viaLink = false;    // the path itself is a link: looked up again by Tick
         bool deletionReported = false;  // by the file's event; the directory's is still due
     };
     struct Ahead {  // what comes later in the same read for a file's watch
@@ -120,7 +125,9 @@ private:
         bool replaced = false;  // a different file than before
     };
 
-    Arming Rearm(Node& node);
+    Arming Rearm(Node& node, bool log = true);
+    bool IsLink(Node& node);
+    void CheckLinks(std::vector<WatchNotification>& out);
     int Acquire(const Node& node, std::size_t depth, bool directory, uint32_t mask);
     void Release(int wd, const std::string& user);
     void SetRefused(Node& node, bool refused, int error);
@@ -143,6 +150,7 @@ private:
     WatchScope::Cache scopes_;
     uint64_t retryAtMs_ = 0;  // 0: no retry due
     uint64_t retryDelayMs_ = kRetryFirstMs;
+    uint64_t linkCheckAtMs_ = 0;
 };
 
 }  // namespace Engine
