@@ -123,10 +123,16 @@ bool WatchTable::Add(const std::string& path, const std::string& requester, uint
         return false;
     }
     Node& node = nodes_[path];
-    if (node.path.empty()) {
-        std::string inner;
-        node.path = path;
-        node.scope = WatchScope::ForPath(path, inner, scopes_);
+    node.path = path;
+    std::string inner;
+    auto scope = WatchScope::ForPath(path, inner, scopes_);
+    if (node.scope != scope) {
+        // New, or its container restarted meanwhile: looked up through the new process.
+        if (node.scope) {
+            --node.scope->requested;
+            SetRefused(node, false, 0);
+        }
+        node.scope = scope;
         node.components = SplitPath(inner);
         ++node.scope->requested;
     }
@@ -161,8 +167,8 @@ bool WatchTable::Remove(const std::string& path, const std::string& requester) {
             subs.erase(sub);
             if (subs.empty()) {
                 Node& gone = node->second;
-                SetRefused(gone, false, 0);
                 --gone.scope->requested;
+                SetRefused(gone, false, 0);
                 Release(gone.selfWd, path);
                 for (int wd : gone.chain) Release(wd, path);
                 nodes_.erase(node);
