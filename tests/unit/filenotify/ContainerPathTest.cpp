@@ -239,6 +239,20 @@ TEST_F(ContainerPathTest, ATreeSwappedInByOneRenameIsFollowed) {
     EXPECT_EQ(written[0].mask, static_cast<uint32_t>(IN_MODIFY));
 }
 
+TEST_F(ContainerPathTest, ChildNamesWithControlCharactersAreDroppedAndCounted) {
+    const std::string dir = root_ + "/etc/conf.d";
+    MakeDirs(dir);
+    ASSERT_TRUE(table_.Add(dir, "r", kAll, options_));
+    const uint64_t before = Framework::Counters::Instance().Value("filenotify.event.bad_name");
+    Write(dir + "/x\n2026-01-01 00:00:00.000 [Error] forged", "");
+    Write(dir + "/x\x1b[2Jcleared", "");
+    Write(dir + "/plain.conf", "");
+    const auto out = ReadUntilPath(dir + "/plain.conf");
+    for (const auto& n : out) EXPECT_EQ(n.path, dir + "/plain.conf");
+    EXPECT_EQ(Framework::Counters::Instance().Value("filenotify.event.bad_name"), before + 2)
+        << "one create for each of the two names";
+}
+
 TEST_F(ContainerPathTest, CoverageIsCountedPerContainerAndForTheHost) {
     Framework::ContainerRegistry::Instance().Started(dir_ + "/other", "feedbeef00112233", 0);
     MakeDirs(dir_ + "/other/etc");

@@ -32,6 +32,7 @@ constexpr const char* kRefusedCounter = "filenotify.request.refused";
 constexpr const char* kGapOpenedCounter = "filenotify.coverage.gap_opened";
 constexpr const char* kGapClosedCounter = "filenotify.coverage.gap_closed";
 constexpr const char* kRetriedCounter = "filenotify.watch.retried";
+constexpr const char* kBadNameCounter = "filenotify.event.bad_name";
 
 Poco::Logger* Logger() {
     return SDK::LoggerUtils::GetInstance()->GetModuleLogger("filenotify_module", true);
@@ -46,6 +47,14 @@ uint64_t NowMs() {
 Framework::RateLimiter gOverflowWarn(kWarnIntervalMs);
 Framework::RateLimiter gWatchFailedWarn(kWarnIntervalMs);
 Framework::RateLimiter gTruncatedWarn(kWarnIntervalMs);
+Framework::RateLimiter gBadNameWarn(kWarnIntervalMs);
+
+bool HasControlCharacter(const std::string& name) {
+    for (unsigned char c : name) {
+        if (c < 0x20 || c == 0x7f) return true;
+    }
+    return false;
+}
 
 std::vector<std::string> SplitPath(const std::string& path) {
     std::vector<std::string> parts;
@@ -337,6 +346,18 @@ void WatchTable::HandleSelfEvent(Node& node, const InotifyRecord& record, const 
 
 void WatchTable::Deliver(const Node& node, const std::string& child, uint32_t mask,
                          std::vector<WatchNotification>& out) const {
+    if (HasControlCharacter(child)) {
+        // A name the container chose: passed on, it could forge lines in a requester's log.
+        Framework::Counters::Instance().Add(kBadNameCounter);
+        uint64_t suppressed = 0;
+        if (gBadNameWarn.Allow(suppressed)) {
+            TW_LOG(Logger(), PRIO_WARNING,
+                   "File notify: event in %s dropped: the child's name has control characters "
+                   "(%z bytes; %lu more not logged)",
+                   node.path, child.size(), static_cast<unsigned long>(suppressed));
+        }
+        return;
+    }
     const uint32_t bits = mask & IN_ALL_EVENTS;
     const std::string path = child.empty() ? node.path : node.path + "/" + child;
     for (const auto& sub : node.subscribers) {
