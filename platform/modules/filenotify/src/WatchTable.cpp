@@ -21,7 +21,7 @@ namespace Engine {
 
 namespace {
 constexpr std::size_t kBufferSize = 64 * 1024;
-constexpr int kMaxReadsPerCall = 8;
+constexpr int kMaxReadsPerCall = 8;  // leaves the task time for its message queue in a flood
 constexpr uint64_t kWarnIntervalMs = 10000;
 constexpr uint32_t kDirectoryChanges = IN_CREATE | IN_MOVED_TO | IN_DELETE | IN_MOVED_FROM;
 constexpr uint32_t kAnchorMask = kDirectoryChanges | IN_DELETE_SELF | IN_MOVE_SELF | IN_ONLYDIR;
