@@ -71,7 +71,8 @@ case_link_baked_into_image() {
   docker run --name "$base" "$BUSYBOX_IMAGE" \
     sh -c 'echo "root:x:0:0::/root:/bin/sh" > /etc/shadow && ln -sf /etc/shadow /etc/passwd'
   docker commit "$base" "$image" >/dev/null
-  trap 'docker rmi -f "'"$image"'" >/dev/null 2>&1 || true; case_cleanup' EXIT
+  # The containers go first: an image still in use would only lose its name.
+  trap 'case_cleanup; docker rmi -f "'"$image"'" >/dev/null 2>&1 || true' EXIT
   write_policy "$WORK/policy.d" tarnwick/busybox false /etc/passwd /etc/group
   agent_start "$WORK"
   start_container "$c" "$image" >/dev/null
