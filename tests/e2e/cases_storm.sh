@@ -24,7 +24,7 @@ case_storm_and_neighbour() {
   stamp_alarms "$(ALARMS)" "$WORK/stamps" "$b" &
   echo $! > "$WORK/stamper"
   # As fast as a shell can: 512-byte writes of the protected file, rewritten over and over.
-  docker exec -d "$a" sh -c 'while :; do dd if=/dev/zero of=/etc/storm bs=512 count=20000 2>/dev/null; done'
+  docker exec -d "$a" sh -c 'while [ ! -e /tmp/stop ]; do dd if=/dev/zero of=/etc/storm bs=512 count=20000 2>/dev/null; done'
   wait_for 20 alarms_above ".container_name == \"$a\" and .file_info[0].file_path == \"/etc/storm\"" 1000 ||
     fail "the storm does not reach the agent"
   for i in $(seq 1 20); do
@@ -32,15 +32,15 @@ case_storm_and_neighbour() {
     docker exec "$b" cp /usr/bin/true "/usr/local/bin/drop$i"
     wait_for 10 grep -q "/usr/local/bin/drop$i\"" "$WORK/stamps" || missed=$((missed + 1))
   done
-  docker exec "$a" pkill dd || true
+  docker exec "$a" touch /tmp/stop
   pkill -f "tail -n0 -F $(ALARMS)" 2>/dev/null || true
-  # Each probe write is matched with the first modify alarm of /etc/probe stamped after it.
-  for i in $(seq 1 20); do
-    lat=$(awk -v sent="$(cat "$WORK/sent.$i")" '
-      /"file_path":"\/etc\/probe"/ && $1 >= sent { printf "%.1f", ($1 - sent) * 1000; exit }' "$WORK/stamps")
-    [ -n "$lat" ] || { missed=$((missed + 1)); continue; }
-    echo "$lat" >> "$WORK/latencies"
-  done
+  # Each probe write raises one modify alarm of /etc/probe, in order. The alarm may land before
+  # the container's shell has even taken its stamp: that counts as no delay.
+  grep -F '"file_path":"/etc/probe"' "$WORK/stamps" | cut -d' ' -f1 > "$WORK/landed"
+  for i in $(seq 1 20); do cat "$WORK/sent.$i"; done |
+    paste - "$WORK/landed" | awk 'NF == 2 { d = ($2 - $1) * 1000; printf "%.1f\n", d < 0 ? 0 : d }' \
+    > "$WORK/latencies"
+  missed=$((missed + 20 - $(wc -l < "$WORK/latencies")))
   sort -n "$WORK/latencies" -o "$WORK/latencies"
   local n p50 max
   n=$(wc -l < "$WORK/latencies")
@@ -48,7 +48,8 @@ case_storm_and_neighbour() {
   max=$(tail -n 1 "$WORK/latencies")
   over=$(awk '$1 > 20' "$WORK/latencies" | wc -l)
   echo "   neighbour during the storm: $n of 20 modify alarms, p50 ${p50} ms, max ${max} ms, $over over 20 ms; executables missed: $missed"
-  echo "   storm: $(alarms_matching "$(ALARMS)" ".container_name == \"$a\"") alarms; $(grep -o 'Status: .*' "$WORK/agent.log" | tail -n 1)"
+  agent_stop
+  echo "   storm: $(alarms_matching "$(ALARMS)" ".container_name == \"$a\"") alarms; $(grep -ho 'Status: .*' "$WORK"/agent.log* | tail -n 1)"
   [ "$missed" -eq 0 ] || fail "neighbour's alarms missed"
   [ "$(awk '$1 > 100' "$WORK/latencies" | wc -l)" -eq 0 ] || fail "neighbour's alarms delayed past 100 ms"
 }

@@ -117,6 +117,8 @@ void Task::CountUnknownTask(const Message& msg, const std::string& taskName) {
     }
 }
 
+bool Task::PipelineCongested() { return !TaskRegistry::Instance().Congested().empty(); }
+
 long Task::QueuedMessages(const std::string& taskName) {
     return TaskRegistry::Instance().Queued(taskName);
 }

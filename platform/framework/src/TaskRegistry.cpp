@@ -1,5 +1,7 @@
 #include "framework/TaskRegistry.h"
 
+#include <algorithm>
+
 #include <mutex>
 
 #include "framework/Task.h"
@@ -35,6 +37,16 @@ int TaskRegistry::Deliver(const std::string& name, std::shared_ptr<Message>& msg
     auto it = tasks_.find(name);
     if (it == tasks_.end()) return 1;
     return it->second->EnqueueMsg(msg) == 1 ? 0 : 2;
+}
+
+std::string TaskRegistry::Congested() const {
+    std::shared_lock<std::shared_mutex> lock(mutex_);
+    for (const auto& item : tasks_) {
+        const std::size_t limit =
+            std::min<std::size_t>(kCongestedDepth, item.second->GetQueueCapacity() / 2);
+        if (item.second->QueuedCount() > limit) return item.first;
+    }
+    return std::string();
 }
 
 long TaskRegistry::Queued(const std::string& name) const {

@@ -62,6 +62,9 @@ public:
     /// Messages waiting in the queue of the task registered as `taskName` (a snapshot), or -1
     /// when there is none. Any thread.
     static long QueuedMessages(const std::string& taskName);
+    /// True when some task's queue is long (TaskRegistry::kCongestedDepth): the pipeline is behind, and
+    /// a service that reads the kernel should hold back rather than push more in. Any thread.
+    static bool PipelineCongested();
 
     /// Takes up to maxCount queued messages and delivers each on this thread. An exception
     /// escaping a handler is caught, logged with task and message type, and counted.

@@ -3,6 +3,8 @@
 #include <chrono>
 
 #include "filenotify/FileNotifyMessage.h"
+#include "framework/Counters.h"
+#include "framework/RateLimiter.h"
 #include "framework/StatusBoard.h"
 #include "sdk/Log.h"
 #include "sdk/LoggerUtils.h"
@@ -16,6 +18,14 @@ constexpr int kMaxEvents = 16;
 constexpr int kBulk = 128;
 constexpr uint64_t kPublishEveryMs = 1000;
 constexpr const char* kCoverageStatus = "filenotify.coverage";
+// Waiting events: per container and in all (a notification is a few hundred bytes).
+constexpr std::size_t kPerSourceLimit = 16384;
+constexpr std::size_t kTotalLimit = 65536;
+constexpr int kRetryMs = 1;  // how soon a held-back event is offered again
+constexpr const char* kDroppedCounter = "filenotify.dropped.backlog";
+constexpr const char* kPausedCounter = "filenotify.read_paused";
+
+Framework::RateLimiter gBacklogWarn(5000);
 
 uint64_t NowMs() {
     return static_cast<uint64_t>(std::chrono::duration_cast<std::chrono::milliseconds>(
@@ -30,7 +40,8 @@ Poco::Logger* Logger() {
 
 FileNotifyTask::FileNotifyTask()
     : Framework::Task(kTaskName, "filenotify_feature", Framework::TaskCondition::TASK_TYPE_MESSAGE,
-                      kQueueCapacity) {}
+                      kQueueCapacity),
+      pending_(kPerSourceLimit, kTotalLimit) {}
 
 int FileNotifyTask::Init() {
     table_.reset(new WatchTable());
@@ -45,7 +56,7 @@ int FileNotifyTask::Init() {
 }
 
 void FileNotifyTask::UnInit() {
-    if (table_ && table_->IsOpen()) GetEventWaiter().RemoveFd(table_->Fd());
+    if (table_ && table_->IsOpen() && !readingPaused_) GetEventWaiter().RemoveFd(table_->Fd());
     table_.reset();
     Framework::StatusBoard::Instance().Erase(kCoverageStatus);
     Framework::Task::UnInit();
@@ -54,12 +65,14 @@ void FileNotifyTask::UnInit() {
 int FileNotifyTask::Run() {
     uint64_t publishedAtMs = 0;
     while (!isCancelled()) {
-        if (GetEventWaiter().WaitAndHandleEvent(kWaitMs, kMaxEvents) == -1) BulkConsumeMsg(kBulk);
+        const int waitMs = pending_.Empty() ? kWaitMs : kRetryMs;
+        if (GetEventWaiter().WaitAndHandleEvent(waitMs, kMaxEvents) == -1) BulkConsumeMsg(kBulk);
         if (!table_) continue;
         const uint64_t now = NowMs();
         std::vector<WatchNotification> notifications;
         table_->Tick(now, notifications);
-        Send(notifications);
+        Queue(notifications);
+        Dispatch();
         if (now - publishedAtMs >= kPublishEveryMs) {
             Framework::StatusBoard::Instance().Set(kCoverageStatus, table_->CoverageText());
             publishedAtMs = now;
@@ -79,16 +92,53 @@ int FileNotifyTask::Receive(const FileNotifyWatchMessage& msg) {
 void FileNotifyTask::OnReadable() {
     std::vector<WatchNotification> notifications;
     table_->ReadEvents(notifications);
-    Send(notifications);
+    Queue(notifications);
+    Dispatch();
 }
 
-void FileNotifyTask::Send(std::vector<WatchNotification>& notifications) {
+void FileNotifyTask::Queue(std::vector<WatchNotification>& notifications) {
     for (auto& n : notifications) {
-        auto* msg = new FileNotifyMessage(n.path, n.mask, n.extParm);
-        msg->SetWatchPath(n.watchPath);
-        // Drops (requester gone, queue full) are counted and logged by the framework.
-        SendDirectMsg(n.requester, msg);
+        Source source(n.requester, n.extParm);
+        const std::string watchPath = n.watchPath;
+        if (pending_.Push(source, std::move(n))) continue;
+        Framework::Counters::Instance().Add(kDroppedCounter);
+        uint64_t suppressed = 0;
+        if (gBacklogWarn.Allow(suppressed)) {
+            TW_LOG(Logger(), PRIO_WARNING,
+                   "File notify: %s is not keeping up with the events of %s; event dropped (%lu "
+                   "more not logged)",
+                   source.first, watchPath, static_cast<unsigned long>(suppressed));
+        }
     }
+    notifications.clear();
+}
+
+bool FileNotifyTask::Offer(WatchNotification& n) {
+    // The requester's queue, and every queue behind it (alarms go on to the reporting task).
+    if (Framework::Task::QueuedMessages(n.requester) >= kHighWater) return false;
+    if (Framework::Task::PipelineCongested()) return false;
+    auto* raw = new FileNotifyMessage(n.path, n.mask, n.extParm);
+    raw->SetWatchPath(n.watchPath);
+    std::shared_ptr<Framework::Message> msg(raw);
+    // Full: offered again on the next turn. A requester that is gone is counted by the
+    // framework, and the event is done with.
+    return TrySendDirectMsg(n.requester, msg) != 1;
+}
+
+void FileNotifyTask::Dispatch() {
+    pending_.Drain([this](WatchNotification& n) { return Offer(n); });
+    PauseReading(pending_.Full());
+}
+
+void FileNotifyTask::PauseReading(bool pause) {
+    if (pause == readingPaused_ || !table_ || !table_->IsOpen()) return;
+    readingPaused_ = pause;
+    if (pause) {
+        Framework::Counters::Instance().Add(kPausedCounter);
+        GetEventWaiter().RemoveFd(table_->Fd());
+        return;
+    }
+    GetEventWaiter().AddFd(table_->Fd(), [this](int, uint32_t) { OnReadable(); });
 }
 
 }  // namespace Engine

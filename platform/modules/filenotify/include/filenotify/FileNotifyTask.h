@@ -1,9 +1,13 @@
 #pragma once
 
+#include <cstdint>
 #include <memory>
+#include <string>
+#include <utility>
 #include <vector>
 
 #include "engine/AbstructMessage.h"
+#include "filenotify/FairQueue.h"
 #include "filenotify/FileNotifyWatchMessage.h"
 #include "filenotify/WatchTable.h"
 #include "framework/Task.h"
@@ -12,6 +16,14 @@ namespace Engine {
 
 /// "filenotify_task": keeps the path watches other tasks request with FileNotifyWatchMessage
 /// and sends each requester a FileNotifyMessage per event of its watches.
+///
+/// Events wait in a fair queue, one line per (requester, extra parameter), that is per
+/// container, and go out round-robin while the requester has fewer than kHighWater messages
+/// waiting and no task's queue is more than half full (the requester's alarms go on to the
+/// reporting task, whose queue must not overflow either): a container writing its protected file as fast as it can neither fills the
+/// requester's queue nor puts another container's events behind its own. When the fair queue
+/// is full the task stops reading inotify, so further events wait in the kernel (an overflow
+/// there is resynchronised and counted); a container beyond its share loses events, counted.
 ///
 /// Init (control thread) opens the inotify instance and adds it to the task's event waiter;
 /// everything else runs on the task thread. UnInit closes the instance, which drops every
@@ -29,11 +41,21 @@ public:
     /// Add or remove request; the requester is the sending task's name.
     int Receive(const FileNotifyWatchMessage& msg) override;
 
+    /// Messages of this task a requester may have waiting before it holds back.
+    static constexpr long kHighWater = 128;
+
 private:
+    using Source = std::pair<std::string, uint64_t>;  // (requester, extra parameter)
+
     void OnReadable();
-    void Send(std::vector<WatchNotification>& notifications);
+    void Queue(std::vector<WatchNotification>& notifications);
+    void Dispatch();
+    bool Offer(WatchNotification& notification);
+    void PauseReading(bool pause);
 
     std::unique_ptr<WatchTable> table_;
+    FairQueue<Source, WatchNotification> pending_;
+    bool readingPaused_ = false;
 };
 
 }  // namespace Engine
