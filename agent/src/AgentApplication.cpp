@@ -26,6 +26,7 @@
 
 #include "agent/ModuleLoader.h"
 #include "agent/PolicyDirectory.h"
+#include "framework/StartupGate.h"
 #include "framework/Counters.h"
 #include "framework/Module.h"
 #include "framework/StatusBoard.h"
@@ -310,12 +311,14 @@ int AgentApplication::main(const std::vector<std::string>& args) {
         std::cerr << "tarnwick-agent: no module could be loaded from " << moduleDir << std::endl;
         return kExitConfig;
     }
+    // Containers that already run are announced only once the modules hold their policies.
+    Framework::StartupGate::Close();
     loader.InitAll();
-    TW_LOG(AgentLogger(), PRIO_INFORMATION, "Agent started with %z modules",
-           loader.Modules().size());
-
     PolicyDirectory policies(SDK::ConfigUtils::GetString("policy.dir", ""));
     DeliverPolicies(policies, loader);
+    Framework::StartupGate::Open();
+    TW_LOG(AgentLogger(), PRIO_INFORMATION, "Agent started with %z modules",
+           loader.Modules().size());
 
     StopSignal stop;
     const auto scanEvery = std::chrono::milliseconds(SDK::ConfigUtils::GetInt("policy.scan_ms", 1000));

@@ -149,8 +149,9 @@ void ProcessUtils::CaptureProcess(int pid, const std::string& fallbackId) {
     std::lock_guard<std::mutex> lock(table.mutex);
     auto it = table.byPid.find(pid);
     if (it != table.byPid.end()) {
-        // Keep what the live process said over a later guess for the same process.
-        if (capture.startTicks == 0 && it->second.startTicks != 0) return;
+        // A process already gone tells nothing new: keep what was seen of it while it ran, or
+        // an earlier guess, unless this guess fills an empty answer.
+        if (capture.startTicks == 0 && (capture.id.empty() || !it->second.id.empty())) return;
         it->second = capture;
         return;
     }

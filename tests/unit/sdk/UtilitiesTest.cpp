@@ -185,3 +185,22 @@ TEST(ContainerOfProcess, CapturedProcessIsNamedAfterItExited) {
 }
 
 }  // namespace
+
+namespace {
+
+// The close of a file can be seen after its writer exited and after a guess was recorded for
+// it: knowing nothing new must not wipe out what was known.
+TEST(ContainerOfProcess, ALaterCaptureOfAGoneProcessKeepsTheEarlierAnswer) {
+    const pid_t child = ::fork();
+    if (child == 0) ::_exit(0);
+    ASSERT_GT(child, 0);
+    ASSERT_EQ(child, ::waitpid(child, nullptr, 0));
+    const std::string guess(64, 'c');
+    SDK::ProcessUtils::CaptureProcess(child, guess);
+    SDK::ProcessUtils::CaptureProcess(child);
+    std::string id;
+    SDK::ProcessUtils::GetContainerID(child, id);
+    EXPECT_EQ(guess, id);
+}
+
+}  // namespace

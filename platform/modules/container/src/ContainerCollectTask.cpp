@@ -8,6 +8,7 @@
 #include "container/ContainerModule.h"
 #include "framework/ContainerRegistry.h"
 #include "framework/Counters.h"
+#include "framework/StartupGate.h"
 #include "framework/RateLimiter.h"
 #include "sdk/ConfigUtils.h"
 #include "sdk/Log.h"
@@ -66,6 +67,7 @@ int ContainerCollectTask::Run() {
     while (!isCancelled()) {
         if (GetEventWaiter().WaitAndHandleEvent(kWaitMs, kBatch) == -1) BulkConsumeMsg(kBatch);
         if (isCancelled()) break;
+        SendDeferred();
         const bool retryDue = resyncRetryAtMs_ != 0 && NowMs() >= resyncRetryAtMs_;
         if (resyncRequested_.exchange(false) || retryDue) {
             resyncRetryAtMs_ = Resync() ? 0 : NowMs() + kResyncRetryMs;
@@ -227,10 +229,23 @@ void ContainerCollectTask::Announce(const std::shared_ptr<ContainerInfo>& info) 
 
 void ContainerCollectTask::SendTo(const std::string& subscriber,
                                   const std::shared_ptr<ContainerInfo>& info) {
+    if (!Framework::StartupGate::IsOpen() || !deferred_.empty()) {
+        deferred_.emplace_back(subscriber, info);
+        return;
+    }
     auto* msg = new (std::nothrow) ContainerMessage(info);
     if (msg == nullptr) return;
     msg->sender = this;
     SendDirectMsg(subscriber, msg);
+}
+
+void ContainerCollectTask::SendDeferred() {
+    if (deferred_.empty() || !Framework::StartupGate::IsOpen()) return;
+    std::vector<std::pair<std::string, std::shared_ptr<ContainerInfo>>> held;
+    held.swap(deferred_);
+    TW_LOG(Log(), PRIO_DEBUG, "Docker monitor: %z notifications held during start-up go out",
+           held.size());
+    for (const auto& item : held) SendTo(item.first, item.second);
 }
 
 }  // namespace Engine

@@ -6,6 +6,8 @@
 #include <memory>
 #include <set>
 #include <string>
+#include <utility>
+#include <vector>
 
 #include "container/ContainerEventMessage.h"
 #include "container/ContainerInfo.h"
@@ -60,6 +62,7 @@ private:
     bool Inspect(const std::string& id, ContainerInfo& info, int& pid);
     void Announce(const std::shared_ptr<ContainerInfo>& info);
     void SendTo(const std::string& subscriber, const std::shared_ptr<ContainerInfo>& info);
+    void SendDeferred();
 
     std::unique_ptr<DockerApiClient> api_;
     std::unique_ptr<DockerEventStream> stream_;
@@ -67,6 +70,8 @@ private:
     uint64_t resyncRetryAtMs_ = 0;  // 0: no retry pending
     std::set<std::string> subscribers_;                    // task names
     std::map<std::string, ContainerInfo> running_;         // id -> what subscribers were told
+    // Notifications held while the agent's start-up gate is closed, in order (task thread).
+    std::vector<std::pair<std::string, std::shared_ptr<ContainerInfo>>> deferred_;
 };
 
 }  // namespace Engine
