@@ -194,6 +194,10 @@ std::string Spool::LastError() const {
 
 Spool::AppendResult Spool::Append(const std::string& line) {
     std::lock_guard<std::mutex> lock(mutex_);
+    if (segments_.empty()) {
+        if (lastError_.empty()) lastError_ = "spool " + dir_ + " is not open";
+        return AppendResult::kFailed;
+    }
     const uint64_t needed = line.size() + 1;
     if (line.size() > kMaxLineBytes || PendingLocked() + read_.offset + needed > maxBytes_) {
         return AppendResult::kOverflow;
@@ -297,10 +301,10 @@ std::vector<std::string> Spool::Peek(std::size_t maxLines, std::size_t maxBytes,
         bool bad = false;
         if (!ReadLine(at, line, bad)) break;
         if (bad || !IsJsonDocument(line)) {
-            ++corrupt;
-            // Skipped for good when nothing precedes it in this batch; otherwise it leads the
-            // next one.
+            // Skipped for good (and counted) when nothing precedes it in this batch; otherwise
+            // it leads the next one.
             if (!lines.empty()) break;
+            ++corrupt;
             AdvanceTo(at);
             continue;
         }
@@ -320,6 +324,7 @@ void Spool::Commit(std::size_t lines) {
 
 void Spool::AdvanceTo(const Position& to) {
     read_ = to;
+    if (segments_.empty()) return;
     while (segments_.size() > 1 && segments_.front().seq < read_.seq) {
         if (readFdSeq_ == segments_.front().seq) CloseFd(readFd_);
         ::unlink(SegmentPath(segments_.front().seq).c_str());
