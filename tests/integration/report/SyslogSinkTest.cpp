@@ -1,11 +1,10 @@
+#include <gtest/gtest.h>
 #include <unistd.h>
 
 #include <fstream>
 #include <set>
 #include <string>
 #include <vector>
-
-#include <gtest/gtest.h>
 
 #include "ServerProcess.h"
 #include "TestFiles.h"
@@ -46,15 +45,14 @@ public:
 
     bool Start() {
         ::unlink((dir_ + "/rsyslogd.pid").c_str());
-        if (!process_.Start({kRsyslogd, "-n", "-f", dir_ + "/rsyslog.conf", "-i",
-                             dir_ + "/rsyslogd.pid"},
-                            dir_ + "/rsyslogd.out")) {
+        if (!process_.Start(
+                {kRsyslogd, "-n", "-f", dir_ + "/rsyslog.conf", "-i", dir_ + "/rsyslogd.pid"},
+                dir_ + "/rsyslogd.out")) {
             return false;
         }
         // Ready when the TCP input accepts and the socket exists (inputs open together).
-        return WaitFor([&] {
-            return ReportTest::Accepts(tcpPort_) && ::access(Socket().c_str(), F_OK) == 0;
-        });
+        return WaitFor(
+            [&] { return ReportTest::Accepts(tcpPort_) && ::access(Socket().c_str(), F_OK) == 0; });
     }
     void Stop() { process_.Stop(); }
 
@@ -128,7 +126,7 @@ INSTANTIATE_TEST_SUITE_P(Transports, SyslogSinkTest,
                          [](const ::testing::TestParamInfo<SyslogSink::Transport>& info) {
                              return info.param == SyslogSink::Transport::kUnix  ? "Unix"
                                     : info.param == SyslogSink::Transport::kUdp ? "Udp"
-                                                                                 : "Tcp";
+                                                                                : "Tcp";
                          });
 
 class SyslogRestartTest : public SyslogSinkTest {};
@@ -181,13 +179,6 @@ TEST(SyslogTarget, OnlyWellFormedTargetsAreTaken) {
     }
     EXPECT_EQ(SyslogSink::FacilityCode("local7"), 23);
     EXPECT_EQ(SyslogSink::FacilityCode("nope"), -1);
-}
-
-TEST(SyslogFormat, TheHeaderNeverBreaksOnOddHostNames) {
-    EXPECT_EQ(SyslogSink::Format(36, "2026-01-01T00:00:00.000Z", "my host", "tarnwick", 7, "{}"),
-              "<36>1 2026-01-01T00:00:00.000Z myhost tarnwick 7 alarm - {}");
-    EXPECT_EQ(SyslogSink::Format(36, "T", "", "a", 1, "{}"), "<36>1 T - a 1 alarm - {}");
-    EXPECT_EQ(SyslogSink::Frame("abc"), "3 abc");
 }
 
 }  // namespace

@@ -1,13 +1,12 @@
 #include <fcntl.h>
+#include <gtest/gtest.h>
+#include <json/json.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <fstream>
 #include <string>
 #include <vector>
-
-#include <gtest/gtest.h>
-#include <json/json.h>
 
 #include "TestFiles.h"
 #include "report/FileSink.h"
@@ -85,17 +84,6 @@ TEST_F(FileSinkTest, ADeletedMovedOrReplacedFileIsOpenedAnewWithoutBeingTold) {
     sink.Poll();
     sink.Deliver({Doc(3)});
     EXPECT_EQ(ReadLines(path_), (Lines{Doc(100), Doc(3)}));
-}
-
-TEST_F(FileSinkTest, AReopenRequestReopensTheSamePath) {
-    Report::FileSink sink(path_);
-    sink.Deliver({Doc(0)});
-    // Rotated by copy-and-truncate: same file, nothing to notice; SIGHUP still reopens.
-    sink.RequestReopen();
-    sink.Poll();
-    EXPECT_TRUE(sink.IsOpen());
-    sink.Deliver({Doc(1)});
-    EXPECT_EQ(ReadLines(path_), (Lines{Doc(0), Doc(1)}));
 }
 
 TEST_F(FileSinkTest, AnUnopenablePathFailsTheAttemptAndRecoversWhenItCanBeOpened) {

@@ -1,9 +1,9 @@
+#include <gtest/gtest.h>
+
 #include <atomic>
 #include <mutex>
 #include <string>
 #include <vector>
-
-#include <gtest/gtest.h>
 
 #include "TestFiles.h"
 #include "framework/Counters.h"
@@ -118,23 +118,6 @@ TEST_F(SinkWorkerTest, WhatOverflowsTheSpoolIsCountedAndTheRestArrives) {
     EXPECT_EQ(Count("report.overflow.spool.overflow"), static_cast<uint64_t>(400 - kept));
     sink->up = true;
     ASSERT_TRUE(WaitFor([&] { return sink->Got().size() == static_cast<std::size_t>(kept); }));
-}
-
-TEST_F(SinkWorkerTest, WhatIsSpooledAtShutdownIsDeliveredAfterTheNextStart) {
-    std::vector<std::string> sent;
-    {
-        RecordingSink* sink = nullptr;
-        auto worker = MakeWorker(sink, 1 << 20, "restart");
-        sink->up = false;
-        for (int i = 0; i < 20; ++i) {
-            sent.push_back(Doc(i));
-            worker->Offer(sent.back());
-        }
-    }  // stops with everything still spooled
-    RecordingSink* sink = nullptr;
-    auto worker = MakeWorker(sink, 1 << 20, "restart");
-    ASSERT_TRUE(WaitFor([&] { return sink->Got().size() == 20; }));
-    EXPECT_EQ(sink->Got(), sent);
 }
 
 }  // namespace

@@ -27,7 +27,8 @@ std::unique_ptr<SinkWorker> MakeWorker(std::unique_ptr<Sink> sink) {
         SDK::ConfigUtils::GetString("report.spool.dir", kDefaultSpoolDir) + "/" + sink->Name();
     int64_t mib = SDK::ConfigUtils::GetInt("report.spool.max_mb", kDefaultSpoolMiB);
     if (mib <= 0) {
-        TW_LOG(ReportLogger(), PRIO_ERROR, "report.spool.max_mb must be a positive number; using %d",
+        TW_LOG(ReportLogger(), PRIO_ERROR,
+               "report.spool.max_mb must be a positive number; using %d",
                static_cast<int>(kDefaultSpoolMiB));
         mib = kDefaultSpoolMiB;
     }
@@ -84,7 +85,8 @@ std::unique_ptr<Sink> MakeHttpSink(const std::string& url) {
     const int64_t batch = SDK::ConfigUtils::GetInt("report.http.batch", 500);
     settings.batchLines = batch > 0 && batch <= 100000 ? static_cast<std::size_t>(batch) : 500;
     const int64_t backoff = SDK::ConfigUtils::GetInt("report.http.retry_max_ms", 30000);
-    settings.maxBackoffMs = backoff >= 100 && backoff <= 3600000 ? static_cast<int>(backoff) : 30000;
+    settings.maxBackoffMs =
+        backoff >= 100 && backoff <= 3600000 ? static_cast<int>(backoff) : 30000;
     settings.caFile = SDK::ConfigUtils::GetString("report.http.ca_file", "");
     settings.verifyPeer = SDK::ConfigUtils::GetString("report.http.verify_peer", "true") != "false";
     return std::make_unique<HttpSink>(settings);

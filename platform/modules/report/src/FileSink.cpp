@@ -129,7 +129,8 @@ DeliveryResult FileSink::WriteRegular(const std::string& data, std::size_t lines
     const std::size_t written = n > 0 ? static_cast<std::size_t>(n) : 0;
     const std::size_t lastNl = written == 0 ? std::string::npos : data.rfind('\n', written - 1);
     const std::size_t keep = lastNl == std::string::npos ? 0 : lastNl + 1;
-    result.delivered = static_cast<std::size_t>(std::count(data.begin(), data.begin() + keep, '\n'));
+    result.delivered =
+        static_cast<std::size_t>(std::count(data.begin(), data.begin() + keep, '\n'));
     if (written > keep && ::ftruncate(fd_, st.st_size + static_cast<off_t>(keep)) != 0) {
         result.error += "; " + ErrnoText("cannot take back the partial line");
         Framework::Counters::Instance().Add("report.file.partial_line_left");

@@ -1,8 +1,5 @@
 #include "report/HttpSink.h"
 
-#include <istream>
-#include <ostream>
-
 #include <Poco/Exception.h>
 #include <Poco/Net/Context.h>
 #include <Poco/Net/HTTPRequest.h>
@@ -12,6 +9,9 @@
 #include <Poco/Net/SSLManager.h>
 #include <Poco/NullStream.h>
 #include <Poco/StreamCopier.h>
+
+#include <istream>
+#include <ostream>
 
 namespace Report {
 

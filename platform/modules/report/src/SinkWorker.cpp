@@ -65,8 +65,16 @@ void SinkWorker::CountLoss(const char* reason, const std::string& detail) {
     uint64_t suppressed = 0;
     if (!lossLog_.Allow(suppressed)) return;
     TW_LOG(ReportLogger(), PRIO_ERROR,
-           "Alarm output %s: alarm lost (%s): %s; %lu more such messages suppressed",
-           sink_->Name(), std::string(reason), detail, static_cast<unsigned long>(suppressed));
+           "Alarm output %s: alarm lost (%s): %s; %lu more such messages suppressed", sink_->Name(),
+           std::string(reason), detail, static_cast<unsigned long>(suppressed));
+}
+
+// What waits for this output, next to the loss counters in the agent's status line.
+void SinkWorker::UpdateSpoolGauge() {
+    const uint64_t bytes = spool_->PendingBytes();
+    if (bytes == lastGauge_) return;
+    Framework::Counters::Instance().Get(Counter("spooled_bytes")).store(bytes);
+    lastGauge_ = bytes;
 }
 
 void SinkWorker::RequestReopen() {
@@ -98,9 +106,8 @@ bool SinkWorker::DeliverOnce(std::string& error) {
     const std::vector<std::string> batch = spool_->Peek(sink_->BatchLines(), kBatchBytes, corrupt);
     if (corrupt > 0) {
         Framework::Counters::Instance().Add(Counter("spool.corrupt"), corrupt);
-        TW_LOG(ReportLogger(), PRIO_ERROR,
-               "Alarm output %s: %lu damaged lines in spool %s skipped", sink_->Name(),
-               static_cast<unsigned long>(corrupt), spool_->Dir());
+        TW_LOG(ReportLogger(), PRIO_ERROR, "Alarm output %s: %lu damaged lines in spool %s skipped",
+               sink_->Name(), static_cast<unsigned long>(corrupt), spool_->Dir());
     }
     if (batch.empty()) return true;
     const DeliveryResult result = sink_->Deliver(batch);
@@ -128,11 +135,13 @@ void SinkWorker::Loop() {
         sink_->Poll();
         if (backoffMs_ > 0 && WaitForStop(backoffMs_)) break;
         if (spool_->Empty()) {
+            UpdateSpoolGauge();
             Wait(Sink::kPollMs);
             continue;
         }
         std::string error;
         const bool ok = DeliverOnce(error);
+        UpdateSpoolGauge();
         if (ok) {
             if (failing_) {
                 TW_LOG(ReportLogger(), PRIO_NOTICE,
@@ -147,8 +156,8 @@ void SinkWorker::Loop() {
         failing_ = true;
         ++failingSince_;
         Framework::Counters::Instance().Add(Counter("attempts_failed"));
-        backoffMs_ = backoffMs_ == 0 ? kFirstBackoffMs
-                                     : std::min(backoffMs_ * 2, sink_->MaxBackoffMs());
+        backoffMs_ =
+            backoffMs_ == 0 ? kFirstBackoffMs : std::min(backoffMs_ * 2, sink_->MaxBackoffMs());
         uint64_t suppressed = 0;
         if (failureLog_.Allow(suppressed)) {
             TW_LOG(ReportLogger(), PRIO_WARNING,

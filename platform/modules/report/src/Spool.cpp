@@ -2,6 +2,7 @@
 
 #include <dirent.h>
 #include <fcntl.h>
+#include <json/json.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -10,8 +11,6 @@
 #include <cinttypes>
 #include <cstdio>
 #include <cstring>
-
-#include <json/json.h>
 
 #include "sdk/JsonUtils.h"
 
@@ -130,7 +129,8 @@ bool Spool::Recover(std::string& error) {
         error = ErrnoText("cannot repair spool segment " + SegmentPath(segments_.back().seq));
         return false;
     }
-    if (read_.seq == segments_.back().seq) read_.offset = std::min(read_.offset, segments_.back().size);
+    if (read_.seq == segments_.back().seq)
+        read_.offset = std::min(read_.offset, segments_.back().size);
     return true;
 }
 

@@ -1,11 +1,5 @@
 #include "report/SyslogSink.h"
 
-#include <sys/socket.h>
-#include <unistd.h>
-
-#include <cstdio>
-#include <map>
-
 #include <Poco/DateTimeFormat.h>
 #include <Poco/DateTimeFormatter.h>
 #include <Poco/Environment.h>
@@ -13,6 +7,12 @@
 #include <Poco/Net/NetException.h>
 #include <Poco/Net/SocketAddress.h>
 #include <Poco/Timestamp.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <map>
 
 namespace Report {
 
@@ -57,9 +57,9 @@ bool SyslogSink::ParseTarget(const std::string& text, Endpoint& target, std::str
 
 int SyslogSink::FacilityCode(const std::string& name) {
     static const std::map<std::string, int> codes = {
-        {"kern", 0},    {"user", 1},    {"mail", 2},    {"daemon", 3},  {"auth", 4},
+        {"kern", 0},    {"user", 1},      {"mail", 2},    {"daemon", 3},  {"auth", 4},
         {"syslog", 5},  {"authpriv", 10}, {"local0", 16}, {"local1", 17}, {"local2", 18},
-        {"local3", 19}, {"local4", 20}, {"local5", 21}, {"local6", 22}, {"local7", 23},
+        {"local3", 19}, {"local4", 20},   {"local5", 21}, {"local6", 22}, {"local7", 23},
     };
     const auto it = codes.find(name);
     return it == codes.end() ? -1 : it->second;
@@ -165,7 +165,9 @@ DeliveryResult SyslogSink::SendDatagrams(const std::vector<std::string>& lines) 
             ++result.delivered;
         } catch (const Poco::Exception& e) {
             result.error = "cannot send to " + targetText_ + ": " + e.displayText();
-            Disconnect();
+            // Too long for a datagram: it never will fit, so it must not hold up the rest.
+            if (e.code() == EMSGSIZE && result.delivered == 0) result.rejected = 1;
+            if (e.code() != EMSGSIZE) Disconnect();
             break;
         }
     }
@@ -183,8 +185,8 @@ DeliveryResult SyslogSink::SendStream(const std::vector<std::string>& lines) {
     std::size_t sent = 0;
     try {
         while (sent < data.size()) {
-            const int n = stream_->sendBytes(data.data() + sent, static_cast<int>(data.size() - sent),
-                                             MSG_NOSIGNAL);
+            const int n = stream_->sendBytes(data.data() + sent,
+                                             static_cast<int>(data.size() - sent), MSG_NOSIGNAL);
             if (n <= 0) throw Poco::Net::NetException("connection closed");
             sent += static_cast<std::size_t>(n);
         }

@@ -1,11 +1,11 @@
 #pragma once
 
-#include <memory>
-#include <string>
-
 #include <Poco/Net/Context.h>
 #include <Poco/Net/HTTPClientSession.h>
 #include <Poco/URI.h>
+
+#include <memory>
+#include <string>
 
 #include "report/Sink.h"
 

@@ -19,9 +19,10 @@ namespace Report {
 /// attempt is retried with a delay that doubles up to the sink's maximum; what the sink took is
 /// committed in the spool. Counters: report.<sink>.spool.overflow / spool.failed (alarms
 /// lost), report.<sink>.spool.corrupt (lines found damaged), report.<sink>.rejected (refused
-/// by the receiver for good), report.<sink>.attempts_failed (retried, not lost) and the sink's
-/// delivered counter. The thread runs from Start until the destructor, which gives the sink a
-/// bounded time to take what is spooled; the rest stays in the spool for the next start.
+/// by the receiver for good), report.<sink>.attempts_failed (retried, not lost), the sink's
+/// delivered counter, and the gauge report.<sink>.spooled_bytes. The thread runs from Start
+/// until the destructor, which gives the sink a bounded time to take what is spooled; the rest
+/// stays in the spool for the next start.
 class SinkWorker {
 public:
     SinkWorker(std::unique_ptr<Sink> sink, std::unique_ptr<Spool> spool);
@@ -43,6 +44,7 @@ private:
     bool DeliverOnce(std::string& error);  // false when the sink failed
     void Wait(int ms);
     bool WaitForStop(int ms);  // true when stopping
+    void UpdateSpoolGauge();
     void CountLoss(const char* reason, const std::string& detail);
     std::string Counter(const char* what) const;
 
@@ -56,6 +58,7 @@ private:
     int backoffMs_ = 0;
     bool failing_ = false;
     uint64_t failingSince_ = 0;  // attempts failed in the current outage
+    uint64_t lastGauge_ = 0;
     Framework::RateLimiter failureLog_{10000};
     Framework::RateLimiter lossLog_{10000};
     std::thread thread_;

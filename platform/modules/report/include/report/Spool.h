@@ -71,14 +71,14 @@ private:
     const std::string dir_;
     const uint64_t maxBytes_;
     const uint64_t segmentBytes_;
-    mutable std::mutex mutex_;  // guards everything below
+    mutable std::mutex mutex_;      // guards everything below
     std::deque<Segment> segments_;  // oldest first; the last one takes appends
     Position read_{0, 0};
     std::vector<Position> peeked_;  // the position after each line of the last Peek
     int tailFd_ = -1;
     int readFd_ = -1;
     uint64_t readFdSeq_ = 0;
-    std::string readBuf_;           // bytes read ahead from readFdSeq_ starting at readBufAt_
+    std::string readBuf_;  // bytes read ahead from readFdSeq_ starting at readBufAt_
     uint64_t readBufAt_ = 0;
     uint64_t cutAtOpen_ = 0;
     std::string lastError_;

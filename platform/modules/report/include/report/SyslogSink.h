@@ -1,11 +1,11 @@
 #pragma once
 
+#include <Poco/Net/DatagramSocket.h>
+#include <Poco/Net/StreamSocket.h>
+
 #include <cstdint>
 #include <memory>
 #include <string>
-
-#include <Poco/Net/DatagramSocket.h>
-#include <Poco/Net/StreamSocket.h>
 
 #include "report/Sink.h"
 
