@@ -187,6 +187,16 @@ TEST_F(SpoolTest, AFullDiskRefusesTheLineAndLeavesOnlyWholeLines) {
     EXPECT_EQ(DrainAll(*spool, 10), (std::vector<std::string>{Doc(0, 100), Doc(2, 100)}));
 }
 
+TEST_F(SpoolTest, ASecondOwnerIsRefusedUntilTheFirstLetsGo) {
+    auto first = OpenSpool();
+    Spool second(dir_, 1 << 20);
+    std::string error;
+    EXPECT_FALSE(second.Open(error));
+    EXPECT_NE(error.find("in use"), std::string::npos) << error;
+    first.reset();
+    EXPECT_TRUE(second.Open(error)) << error;
+}
+
 TEST_F(SpoolTest, AnUnusableDirectoryIsReportedAndAppendsFail) {
     std::ofstream(tmp_.Path() + "/blocker") << "x";
     Spool spool(tmp_.Path() + "/blocker/spool", 1 << 20);

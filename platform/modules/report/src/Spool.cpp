@@ -3,6 +3,7 @@
 #include <dirent.h>
 #include <fcntl.h>
 #include <json/json.h>
+#include <sys/file.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -64,6 +65,24 @@ Spool::~Spool() {
     std::lock_guard<std::mutex> lock(mutex_);
     CloseFd(tailFd_);
     CloseFd(readFd_);
+    CloseFd(lockFd_);
+}
+
+// Two agents appending to and committing one spool would corrupt it: the first one owns it.
+bool Spool::Lock(std::string& error) {
+    if (lockFd_ >= 0) return true;
+    const std::string path = dir_ + "/lock";
+    lockFd_ = ::open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0640);
+    if (lockFd_ < 0) {
+        error = ErrnoText("cannot open " + path);
+        return false;
+    }
+    if (::flock(lockFd_, LOCK_EX | LOCK_NB) != 0) {
+        error = "spool " + dir_ + " is in use by another process";
+        CloseFd(lockFd_);
+        return false;
+    }
+    return true;
 }
 
 void Spool::CloseFd(int& fd) {
@@ -84,7 +103,7 @@ bool Spool::Open(std::string& error) {
         lastError_ = error;
         return false;
     }
-    if (!Recover(error) || !OpenTail(error)) {
+    if (!Lock(error) || !Recover(error) || !OpenTail(error)) {
         lastError_ = error;
         return false;
     }

@@ -59,6 +59,7 @@ private:
     };
 
     std::string SegmentPath(uint64_t seq) const;
+    bool Lock(std::string& error);
     bool Recover(std::string& error);
     bool CutPartialTail();
     bool OpenTail(std::string& error);
@@ -75,6 +76,7 @@ private:
     std::deque<Segment> segments_;  // oldest first; the last one takes appends
     Position read_{0, 0};
     std::vector<Position> peeked_;  // the position after each line of the last Peek
+    int lockFd_ = -1;               // flock held while open
     int tailFd_ = -1;
     int readFd_ = -1;
     uint64_t readFdSeq_ = 0;
