@@ -2,7 +2,8 @@
 # start_container, cexec, arm_probe, expect_alarm, fail). Each case prints the alarms raised
 # (received by the report task) against those delivered to each output.
 
-E2E_CASES="$E2E_CASES outputs_full_disk outputs_file_deleted outputs_collector_down outputs_syslog"
+E2E_CASES="$E2E_CASES outputs_full_disk outputs_file_deleted outputs_collector_down
+           outputs_spool_restart outputs_syslog"
 
 # outputs_config KEY=VALUE...: the installed settings plus these (later lines win), counters
 # logged every second; AGENT_CONFIG points agent_start at them.
@@ -150,6 +151,7 @@ case_outputs_full_disk() {
   jsonl_valid "$AGENT_ALARMS" || fail "a partial line stands in the alarm file while it is full"
   [ "$(counter report.alarms.written)" -lt "$(counter report.alarms.received)" ] \
     || fail "alarms counted as written into a full file"
+  local waited=$(($(counter report.alarms.received) - $(counter report.alarms.written)))
   rm -f "$full/filler"
   wait_for 30 all_delivered report.alarms.written \
     || fail "written $(counter report.alarms.written) of $(counter report.alarms.received)"
@@ -161,7 +163,7 @@ case_outputs_full_disk() {
     || fail "$lines lines for $(counter report.alarms.received) alarms"
   [ "$(event_ids "$AGENT_ALARMS" | uniq -d | wc -l)" -eq 0 ] || fail "duplicate alarms"
   [ "$(losses)" -eq 0 ] || fail "alarms lost: $(losses)"
-  figures full_disk "file $lines"
+  figures full_disk "file $lines ($waited of them waited in the spool while the disk was full)"
 }
 
 case_outputs_file_deleted() {
@@ -217,6 +219,7 @@ case_outputs_collector_down() {
   wait_for 10 settled_above "$before" || fail "no alarms raised"
   [ "$(counter report.http.delivered)" -lt "$(counter report.alarms.received)" ] \
     || fail "alarms counted as delivered to a stopped collector"
+  local waited=$(($(counter report.alarms.received) - $(counter report.http.delivered)))
   nginx_start "$http" "$port"
   wait_for 30 all_delivered report.http.delivered \
     || fail "delivered $(counter report.http.delivered) of $(counter report.alarms.received)"
@@ -228,7 +231,44 @@ case_outputs_collector_down() {
     || fail "collector has $got alarms, the file $want, raised $(counter report.alarms.received)"
   diff <(event_ids "$http/bodies.log" | uniq) <(event_ids "$(ALARMS)") >/dev/null \
     || fail "collector and file hold different alarms"
-  figures collector_down "file $want, http $got (with $(event_ids "$http/bodies.log" | uniq -d | wc -l) sent twice)"
+  figures collector_down "file $want, http $got ($waited waited in the spool for the collector, $(event_ids "$http/bodies.log" | uniq -d | wc -l) sent twice)"
+}
+
+# has_all_ids WANT GOT: every event id in file WANT is also in file GOT.
+has_all_ids() { [ -z "$(comm -23 <(event_ids "$1" | uniq) <(event_ids "$2" | uniq))" ]; }
+
+case_outputs_spool_restart() {
+  local http=$WORK/http port c=e2e-restart-$$ before
+  port=$(free_port) || fail "no free port"
+  trap "case_cleanup; stop_pid '$http/server.pid'" EXIT
+  nginx_start "$http" "$port"
+  outputs_config "report.http.url = http://127.0.0.1:$port/alarms" "report.http.retry_max_ms = 2000"
+  write_policy "$WORK/policy.d" tarnwick/busybox false /etc/passwd
+  agent_start "$WORK"
+  start_container "$c" >/dev/null
+  arm_probe "$c"
+  wait_for 10 all_delivered report.http.delivered || fail "collector did not get the first alarms"
+  stop_pid "$http/server.pid"
+  before=$(counter report.alarms.received)
+  raise_alarms "$c" 30
+  wait_for 20 settled_above "$before" || fail "no alarms raised"
+  local waiting=$(($(counter report.alarms.received) - $(counter report.http.delivered)))
+  # The agent stops while the collector is down, and starts again before it returns.
+  agent_stop
+  grep -q "stay spooled" "$WORK/agent.log" || fail "the shutdown did not say what stays spooled"
+  cp "$(ALARMS)" "$WORK/first-run.jsonl"
+  mv "$WORK/agent.log" "$WORK/agent.first-run.log"
+  agent_start "$WORK"
+  grep -q "from an earlier run are delivered first" "$WORK/agent.log" || fail "spool not picked up"
+  nginx_start "$http" "$port"
+  wait_for 30 has_all_ids "$WORK/first-run.jsonl" "$http/bodies.log" \
+    || fail "alarms spooled before the restart never reached the collector"
+  agent_stop
+  local raised got
+  raised=$(event_ids "$WORK/first-run.jsonl" | wc -l)
+  got=$(event_ids "$http/bodies.log" | uniq | wc -l)
+  echo "   figures spool_restart: raised $raised before the restart, $waiting of them spooled" \
+       "across it, http $got"
 }
 
 case_outputs_syslog() {
