@@ -72,7 +72,8 @@ void FileSink::Close() {
 }
 
 bool FileSink::Replaced() const {
-    if (fd_ < 0 || !regular_) return false;
+    // Standard output has no path to follow, even when it is redirected into a file.
+    if (fd_ < 0 || !regular_ || path_ == kStdout) return false;
     struct stat st;
     if (::stat(path_.c_str(), &st) != 0) return true;
     return st.st_dev != dev_ || st.st_ino != ino_;
