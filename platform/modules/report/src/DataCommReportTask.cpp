@@ -7,7 +7,6 @@
 #include "framework/RateLimiter.h"
 #include "report/ReopenSignal.h"
 #include "report/ReportLog.h"
-#include "sdk/JsonUtils.h"
 #include "sdk/Log.h"
 
 namespace Report {
@@ -16,6 +15,7 @@ namespace {
 constexpr unsigned int kQueueCapacity = 4096;
 constexpr int kWaitMs = 200;  // bounds how late a SIGHUP reopen happens
 constexpr int kBulk = 256;
+constexpr int kMaxJsonDepth = 64;
 
 Framework::RateLimiter& InvalidLimiter() {
     static Framework::RateLimiter limiter(10000);
@@ -66,13 +66,29 @@ void DataCommReportTask::ReopenIfRequested() {
     for (auto& worker : workers_) worker->RequestReopen();
 }
 
+bool DataCommReportTask::IsJsonObject(const std::string& text) {
+    if (!reader_) {
+        Json::CharReaderBuilder builder;
+        builder["collectComments"] = false;
+        builder["stackLimit"] = kMaxJsonDepth;
+        reader_.reset(builder.newCharReader());
+    }
+    Json::Value root;
+    std::string errors;
+    try {
+        return reader_->parse(text.data(), text.data() + text.size(), &root, &errors) &&
+               root.isObject();
+    } catch (const std::exception&) {
+        return false;  // nested deeper than the stack limit
+    }
+}
+
 int DataCommReportTask::HandleMsg(const Framework::Message* msg) {
     const auto* data = dynamic_cast<const Framework::DataMessage*>(msg);
     if (data == nullptr) return 0;
     Framework::Counters::Instance().Add("report.alarms.received");
     const std::string line = ToSingleLine(data->GetData());
-    Json::Value root;
-    if (SDK::JsonUtils::ParseJsonStr(line, root) != 0 || !root.isObject()) {
+    if (!IsJsonObject(line)) {
         Framework::Counters::Instance().Add("report.alarms.invalid");
         uint64_t suppressed = 0;
         if (InvalidLimiter().Allow(suppressed)) {

@@ -136,6 +136,7 @@ void SinkWorker::Loop() {
         if (backoffMs_ > 0 && WaitForStop(backoffMs_)) break;
         if (spool_->Empty()) {
             UpdateSpoolGauge();
+            spool_->SaveCursorIfDirty();
             Wait(Sink::kPollMs);
             continue;
         }

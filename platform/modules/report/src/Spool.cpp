@@ -9,6 +9,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <chrono>
 #include <cinttypes>
 #include <cstdio>
 #include <cstring>
@@ -25,6 +26,8 @@ constexpr uint64_t kMinSegmentBytes = 4096;
 constexpr std::size_t kReadChunk = 64 * 1024;
 // Longer lines are refused at append; on read, that much without a newline is corruption.
 constexpr std::size_t kMaxLineBytes = 1u << 20;
+constexpr uint64_t kTruncateAtBytes = 256 * 1024;
+constexpr auto kCursorSaveEvery = std::chrono::milliseconds(200);
 
 std::string ErrnoText(const std::string& what) { return what + ": " + std::strerror(errno); }
 
@@ -49,10 +52,11 @@ bool ParseSegmentName(const char* name, uint64_t& seq) {
     return true;
 }
 
-bool IsJsonDocument(const std::string& line) {
-    if (line.empty() || line.find('\0') != std::string::npos) return false;
-    Json::Value root;
-    return SDK::JsonUtils::ParseJsonStr(line, root) == 0 && (root.isObject() || root.isArray());
+// Lines were checked as JSON documents before they were spooled; what can go wrong on disk
+// since is a crash leaving zeroed blocks or a torn line, which this catches without a parse.
+bool LooksWhole(const std::string& line) {
+    return line.size() >= 2 && line.front() == '{' && line.back() == '}' &&
+           line.find('\0') == std::string::npos;
 }
 }  // namespace
 
@@ -63,6 +67,7 @@ Spool::Spool(const std::string& dir, uint64_t maxBytes)
 
 Spool::~Spool() {
     std::lock_guard<std::mutex> lock(mutex_);
+    if (cursorDirty_) SaveCursor();
     CloseFd(tailFd_);
     CloseFd(readFd_);
     CloseFd(lockFd_);
@@ -319,7 +324,7 @@ std::vector<std::string> Spool::Peek(std::size_t maxLines, std::size_t maxBytes,
     while (lines.size() < maxLines && (lines.empty() || bytes < maxBytes)) {
         bool bad = false;
         if (!ReadLine(at, line, bad)) break;
-        if (bad || !IsJsonDocument(line)) {
+        if (bad || !LooksWhole(line)) {
             // Skipped for good (and counted) when nothing precedes it in this batch; otherwise
             // it leads the next one.
             if (!lines.empty()) break;
@@ -349,19 +354,34 @@ void Spool::AdvanceTo(const Position& to) {
         ::unlink(SegmentPath(segments_.front().seq).c_str());
         segments_.pop_front();
     }
-    // All caught up: empty the last segment so that delivered lines stop taking room.
+    // All caught up: empty the last segment so that delivered lines stop taking room. Not
+    // after every line: a truncate costs more than the append it makes room for.
     Segment& tail = segments_.back();
-    if (segments_.size() == 1 && read_.offset == tail.size && tail.size > 0 && tailFd_ >= 0 &&
-        ::ftruncate(tailFd_, 0) == 0) {
+    bool truncated = false;
+    if (segments_.size() == 1 && read_.offset == tail.size && tail.size >= kTruncateAtBytes &&
+        tailFd_ >= 0 && ::ftruncate(tailFd_, 0) == 0) {
         tail.size = 0;
         read_.offset = 0;
         readBuf_.clear();
         readBufAt_ = 0;
+        truncated = true;
     }
-    SaveCursor();
+    cursorDirty_ = true;
+    // A cursor recorded late only means lines delivered again after a crash, while one that
+    // points past a truncation would skip new lines: record that one at once.
+    if (truncated || std::chrono::steady_clock::now() - cursorSavedAt_ >= kCursorSaveEvery) {
+        SaveCursor();
+    }
+}
+
+void Spool::SaveCursorIfDirty() {
+    std::lock_guard<std::mutex> lock(mutex_);
+    if (cursorDirty_) SaveCursor();
 }
 
 void Spool::SaveCursor() {
+    cursorDirty_ = false;
+    cursorSavedAt_ = std::chrono::steady_clock::now();
     const std::string path = dir_ + "/" + kCursorFile;
     const std::string tmp = path + ".tmp";
     char text[64];

@@ -1,5 +1,7 @@
 #pragma once
 
+#include <json/json.h>
+
 #include <memory>
 #include <string>
 #include <vector>
@@ -28,7 +30,9 @@ public:
 
 private:
     void ReopenIfRequested();
+    bool IsJsonObject(const std::string& text);  // task thread only: reuses reader_
 
+    std::unique_ptr<Json::CharReader> reader_;
     std::vector<std::unique_ptr<SinkWorker>> workers_;
 };
 

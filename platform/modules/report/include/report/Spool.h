@@ -1,5 +1,6 @@
 #pragma once
 
+#include <chrono>
 #include <cstddef>
 #include <cstdint>
 #include <deque>
@@ -12,7 +13,7 @@ namespace Report {
 /// A bounded on-disk queue of JSON lines for one sink, in a directory of its own: append-only
 /// segment files (<20-digit sequence>.seg) of whole lines, and a cursor file with the committed
 /// read position. It survives a restart: Open cuts a partial line left at the end of the last
-/// segment and resumes at the cursor. A line read back that is not a JSON document (a torn or
+/// segment and resumes at the cursor. A line read back that is not a whole document (a torn or
 /// zeroed block after a crash) is skipped and counted, never delivered.
 /// One thread appends (the report task), one reads and commits (the sink's worker); the
 /// methods are thread-safe.
@@ -37,8 +38,12 @@ public:
     /// Up to maxLines lines from the read position, at least one if any is there, about maxBytes
     /// in all. Adds the number of corrupt lines it skipped to `corrupt`.
     std::vector<std::string> Peek(std::size_t maxLines, std::size_t maxBytes, uint64_t& corrupt);
-    /// Moves the read position past the first `lines` lines of the last Peek and records it.
+    /// Moves the read position past the first `lines` lines of the last Peek. It is recorded on
+    /// disk at most kCursorSaveEvery later (at once when the spool was emptied), so a crash may
+    /// deliver the last lines again but never skips one.
     void Commit(std::size_t lines);
+    /// Records a read position not yet on disk (the worker calls it when idle).
+    void SaveCursorIfDirty();
 
     /// Bytes of lines appended and not yet committed.
     uint64_t PendingBytes() const;
@@ -83,6 +88,8 @@ private:
     std::string readBuf_;  // bytes read ahead from readFdSeq_ starting at readBufAt_
     uint64_t readBufAt_ = 0;
     uint64_t cutAtOpen_ = 0;
+    bool cursorDirty_ = false;
+    std::chrono::steady_clock::time_point cursorSavedAt_{};
     std::string lastError_;
 };
 
