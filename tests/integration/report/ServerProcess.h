@@ -9,7 +9,8 @@ namespace ReportTest {
 
 /// A server the test starts (rsyslogd, nginx) in the foreground, its output in a file of its
 /// own. Stop (also from the destructor, whatever the test's outcome) sends SIGTERM and waits,
-/// then SIGKILL after a deadline, so that no server outlives its test.
+/// then SIGKILL after a deadline, so that no server outlives its test; a test process that
+/// crashes takes its servers with it (parent-death signal).
 class ServerProcess {
 public:
     ServerProcess() = default;
