@@ -40,7 +40,19 @@ int HttpSink::Classify(int status) {
     return 2;
 }
 
-HttpSink::HttpSink(const Settings& settings) : settings_(settings), uri_(settings.url) {
+namespace {
+// An unparsable URL (refused by Validate before an HttpSink is made) leaves an empty URI, whose
+// requests then fail instead of throwing out of the constructor.
+Poco::URI ParseUri(const std::string& url) {
+    try {
+        return Poco::URI(url);
+    } catch (const Poco::Exception&) {
+        return Poco::URI();
+    }
+}
+}  // namespace
+
+HttpSink::HttpSink(const Settings& settings) : settings_(settings), uri_(ParseUri(settings.url)) {
     if (uri_.getScheme() != "https") return;
     try {
         context_ = new Poco::Net::Context(Poco::Net::Context::TLS_CLIENT_USE, settings_.caFile,
@@ -59,6 +71,10 @@ HttpSink::~HttpSink() = default;
 
 bool HttpSink::EnsureSession(std::string& error) {
     if (session_) return true;
+    if (uri_.getHost().empty()) {
+        error = "HTTP output URL '" + settings_.url + "' has no host";
+        return false;
+    }
     try {
         if (uri_.getScheme() == "https") {
             if (!context_) {
