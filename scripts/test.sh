@@ -24,7 +24,7 @@ echo "== unit and integration tests"
 
 echo "== queue and framework stress under ThreadSanitizer"
 # Only the thread-heavy tests (label tsan): a whole instrumented tree would not fit CI's time.
-TSAN_TARGETS=(queue_stress_test framework_test)
+TSAN_TARGETS=(queue_stress_test framework_test report_test)
 cmake -S . -B build-tsan -DCMAKE_BUILD_TYPE=RelWithDebInfo -DTARNWICK_TSAN=ON \
   -DTARNWICK_BENCH=OFF >/dev/null
 cmake --build build-tsan -j"$(nproc)" --target "${TSAN_TARGETS[@]}"

@@ -47,6 +47,7 @@ const std::map<std::string, std::string>& Defaults() {
         {"module.dir", "/usr/local/tarnwick/module"},
         {"policy.dir", "/usr/local/tarnwick/etc/policy.d"},
         {"report.file", "/var/log/tarnwick/alarms.jsonl"},
+        {"report.spool.dir", "/var/lib/tarnwick/spool"},
         {"log.file", "/var/log/tarnwick/agent.log"},
         {"log.level", "information"},
         {"docker.socket", "/var/run/docker.sock"},
@@ -63,7 +64,7 @@ const std::map<std::string, std::string>& OptionKeys() {
         {"module-dir", "module.dir"},   {"policy-dir", "policy.dir"},
         {"alarms", "report.file"},      {"log", "log.file"},
         {"log-level", "log.level"},     {"docker-socket", "docker.socket"},
-        {"cpu-limit", "cpu.limit_percent"},
+        {"cpu-limit", "cpu.limit_percent"}, {"spool-dir", "report.spool.dir"},
     };
     return keys;
 }
@@ -121,6 +122,7 @@ void AgentApplication::defineOptions(Poco::Util::OptionSet& options) {
         {"module-dir", "DIR", "Directory of the lib*_module.so modules (module.dir)."},
         {"policy-dir", "DIR", "Directory of <key>.json policy documents (policy.dir)."},
         {"alarms", "FILE", "Alarm sink, one JSON document a line; - for standard output (report.file)."},
+        {"spool-dir", "DIR", "Spools of the alarm outputs, one directory each (report.spool.dir)."},
         {"log", "FILE", "Log file (rotated at 10 MB); - for standard error (log.file)."},
         {"log-level", "LEVEL", "error, warning, notice, information, debug or trace (log.level)."},
         {"docker-socket", "PATH", "Docker engine API socket (docker.socket)."},

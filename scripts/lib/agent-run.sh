@@ -15,15 +15,16 @@ wait_for() {
 }
 
 # agent_start WORKDIR [extra options]: starts the installed agent in the background with
-# WORKDIR/policy.d, WORKDIR/alarms.jsonl and WORKDIR/agent.log; sets AGENT_PID. AGENT_CONFIG
-# names another settings file than the installed one.
+# WORKDIR/policy.d, WORKDIR/alarms.jsonl (AGENT_ALARMS overrides), WORKDIR/spool and
+# WORKDIR/agent.log, settings from AGENT_CONFIG (default: the installed ones); sets AGENT_PID.
 agent_start() {
   local work=$1; shift
+  local alarms=${AGENT_ALARMS:-$work/alarms.jsonl}
   mkdir -p "$work/policy.d"
-  : > "$work/alarms.jsonl"
+  : > "$alarms"
   "$TARNWICK_PREFIX/bin/tarnwick-agent" \
     --config "${AGENT_CONFIG:-$TARNWICK_PREFIX/etc/agent.properties}" \
-    --policy-dir "$work/policy.d" --alarms "$work/alarms.jsonl" \
+    --policy-dir "$work/policy.d" --alarms "$alarms" --spool-dir "$work/spool" \
     --log "$work/agent.log" --log-level "${AGENT_LOG_LEVEL:-debug}" "$@" \
     > "$work/agent.stdout" 2>&1 &
   AGENT_PID=$!

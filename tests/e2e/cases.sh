@@ -4,7 +4,7 @@
 E2E_CASES="$E2E_CASES user_file_operations replaced_by_rename elf_dropped unprotected_image
            started_before_agent policy_change exit_withdraws sigterm_cleanup"
 
-ALARMS() { echo "$WORK/alarms.jsonl"; }
+ALARMS() { echo "${AGENT_ALARMS:-$WORK/alarms.jsonl}"; }
 
 fail() { echo "   $*" >&2; return 1; }
 

@@ -1,16 +1,15 @@
+#include <gtest/gtest.h>
 #include <signal.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <chrono>
-#include <cstdlib>
 #include <fstream>
-#include <functional>
 #include <string>
-#include <thread>
 #include <vector>
 
-#include <gtest/gtest.h>
-
+#include "TestFiles.h"
+#include "framework/Counters.h"
 #include "framework/DataMessage.h"
 #include "framework/Module.h"
 #include "report/DataCommModule.h"
@@ -19,81 +18,126 @@
 
 namespace {
 
-bool WaitFor(const std::function<bool()>& condition) {
-    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
-    while (std::chrono::steady_clock::now() < deadline) {
-        if (condition()) return true;
-        std::this_thread::sleep_for(std::chrono::milliseconds(5));
-    }
-    return condition();
-}
-
-std::vector<std::string> ReadLines(const std::string& path) {
-    std::ifstream in(path);
-    std::vector<std::string> lines;
-    for (std::string line; std::getline(in, line);) lines.push_back(line);
-    return lines;
-}
+using ReportTest::Doc;
+using ReportTest::ReadLines;
+using ReportTest::WaitFor;
 
 class DataCommModuleTest : public ::testing::Test {
 protected:
     void SetUp() override {
-        char templ[] = "/tmp/tarnwick-report-XXXXXX";
-        dir_ = ::mkdtemp(templ);
-        sink_ = dir_ + "/alarms.jsonl";
+        sink_ = tmp_.Path() + "/alarms.jsonl";
         SDK::ConfigUtils::Set("report.file", sink_);
+        SDK::ConfigUtils::Set("report.spool.dir", tmp_.Path() + "/spool");
+    }
+    void TearDown() override {
+        Stop();
+        SDK::ConfigUtils::Clear();
+    }
+    void Start() {
         module_ = new Report::DataCommModule();
         ASSERT_EQ(module_->Init(), 0);
         task_ = module_->FindTask(Report::DataCommReportTask::kTaskName);
         ASSERT_NE(task_, nullptr);
     }
-    void TearDown() override {
-        if (module_ != nullptr) {
-            module_->UnInit();
-            module_->release();
-        }
-        SDK::ConfigUtils::Clear();
-        std::system(("rm -rf '" + dir_ + "'").c_str());
+    void Stop() {
+        if (module_ == nullptr) return;
+        module_->UnInit();
+        module_->release();
+        module_ = nullptr;
+        task_ = nullptr;
     }
     void Send(const std::string& text) {
         ASSERT_EQ(task_->SendDirectMsg(Report::DataCommReportTask::kTaskName,
                                        new Framework::DataMessage("2", text)),
                   0);
     }
+    uint64_t Count(const std::string& name) { return Framework::Counters::Instance().Value(name); }
 
-    std::string dir_;
+    ReportTest::TempDir tmp_;
     std::string sink_;
     Report::DataCommModule* module_ = nullptr;
     Framework::Task* task_ = nullptr;
 };
 
-TEST_F(DataCommModuleTest, EveryDataMessageBecomesOneLineInArrivalOrder) {
-    for (int i = 0; i < 100; ++i) Send("{\"n\":" + std::to_string(i) + "}");
-    ASSERT_TRUE(WaitFor([&] { return ReadLines(sink_).size() == 100; }));
+TEST_F(DataCommModuleTest, EveryAlarmBecomesOneLineInArrivalOrder) {
+    Start();
+    const uint64_t written = Count("report.alarms.written");
+    for (int i = 0; i < 100; ++i) Send(Doc(i));
+    Send("{\n  \"pretty\": true\n}");  // a document over several lines stays one line
+    ASSERT_TRUE(WaitFor([&] { return ReadLines(sink_).size() == 101; }));
     const auto lines = ReadLines(sink_);
-    for (int i = 0; i < 100; ++i) EXPECT_EQ(lines[i], "{\"n\":" + std::to_string(i) + "}");
+    for (int i = 0; i < 100; ++i) EXPECT_EQ(lines[i], Doc(i));
+    EXPECT_EQ(lines[100], "{   \"pretty\": true }");
+    EXPECT_TRUE(WaitFor([&] { return Count("report.alarms.written") == written + 101; }));
+}
+
+TEST_F(DataCommModuleTest, ADocumentThatIsNotJsonIsDroppedAndCounted) {
+    Start();
+    const uint64_t invalid = Count("report.alarms.invalid");
+    Send("not json");
+    Send("{\"cut\":");
+    Send(Doc(1));
+    ASSERT_TRUE(WaitFor([&] { return ReadLines(sink_).size() == 1; }));
+    EXPECT_EQ(ReadLines(sink_).front(), Doc(1));
+    EXPECT_EQ(Count("report.alarms.invalid"), invalid + 2);
 }
 
 TEST_F(DataCommModuleTest, AlarmsQueuedAtShutdownAreStillWritten) {
-    for (int i = 0; i < 500; ++i) Send("{}");
-    module_->UnInit();
-    module_->release();
-    module_ = nullptr;
+    Start();
+    for (int i = 0; i < 500; ++i) Send(Doc(i));
+    Stop();
     EXPECT_EQ(ReadLines(sink_).size(), 500u);
 }
 
-TEST_F(DataCommModuleTest, SighupReopensTheSinkAfterRotation) {
-    Send("first");
+TEST_F(DataCommModuleTest, SighupReopensTheFileAfterRotation) {
+    Start();
+    Send(Doc(1));
     ASSERT_TRUE(WaitFor([&] { return ReadLines(sink_).size() == 1; }));
     ASSERT_EQ(::rename(sink_.c_str(), (sink_ + ".1").c_str()), 0);
     ASSERT_EQ(::raise(SIGHUP), 0);  // hooked by the module: must not end the process
-    // The reopen happens on the task's next turn; keep sending until the new file appears.
-    ASSERT_TRUE(WaitFor([&] {
-        Send("second");
-        return !ReadLines(sink_).empty();
-    }));
-    EXPECT_EQ(ReadLines(sink_ + ".1").front(), "first");
-    EXPECT_EQ(ReadLines(sink_).front(), "second");
+    Send(Doc(2));
+    ASSERT_TRUE(WaitFor([&] { return ReadLines(sink_).size() == 1; }));
+    EXPECT_EQ(ReadLines(sink_ + ".1"), std::vector<std::string>{Doc(1)});
+    EXPECT_EQ(ReadLines(sink_).front(), Doc(2));
+}
+
+TEST_F(DataCommModuleTest, ADeletedAlarmFileIsRecreatedWithinASecond) {
+    Start();
+    Send(Doc(1));
+    ASSERT_TRUE(WaitFor([&] { return ReadLines(sink_).size() == 1; }));
+    ASSERT_EQ(::unlink(sink_.c_str()), 0);
+    const auto deleted = std::chrono::steady_clock::now();
+    ASSERT_TRUE(WaitFor([&] { return ::access(sink_.c_str(), F_OK) == 0; }, 5));
+    EXPECT_LT(std::chrono::steady_clock::now() - deleted, std::chrono::seconds(1));
+    Send(Doc(2));
+    ASSERT_TRUE(WaitFor([&] { return ReadLines(sink_).size() == 1; }));
+    EXPECT_EQ(ReadLines(sink_).front(), Doc(2));
+}
+
+TEST_F(DataCommModuleTest, AlarmsTheFileCouldNotTakeSurviveARestartInOrder) {
+    // The alarm file's directory is blocked by a plain file: nothing can be written.
+    const std::string blocker = tmp_.Path() + "/out";
+    std::ofstream(blocker) << "x";
+    sink_ = blocker + "/alarms.jsonl";
+    SDK::ConfigUtils::Set("report.file", sink_);
+    Start();
+    for (int i = 0; i < 50; ++i) Send(Doc(i));
+    Stop();
+    ASSERT_EQ(::unlink(blocker.c_str()), 0);
+    Start();
+    Send(Doc(50));
+    ASSERT_TRUE(WaitFor([&] { return ReadLines(sink_).size() == 51; }));
+    const auto lines = ReadLines(sink_);
+    for (int i = 0; i <= 50; ++i) EXPECT_EQ(lines[i], Doc(i));
+}
+
+TEST_F(DataCommModuleTest, WithoutAFileOutputNothingIsWrittenAndTheLossIsCounted) {
+    SDK::ConfigUtils::Set("report.file", "");
+    Start();
+    const uint64_t before = Count("report.alarms.no_output");
+    Send(Doc(0));
+    ASSERT_TRUE(WaitFor([&] { return Count("report.alarms.no_output") == before + 1; }));
+    EXPECT_NE(::access(sink_.c_str(), F_OK), 0);
 }
 
 }  // namespace

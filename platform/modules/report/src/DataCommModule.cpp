@@ -1,28 +1,122 @@
 #include "report/DataCommModule.h"
 
+#include <memory>
+#include <vector>
+
 #include "report/DataCommReportTask.h"
+#include "report/FileSink.h"
+#include "report/HttpSink.h"
 #include "report/ReopenSignal.h"
+#include "report/ReportLog.h"
+#include "report/SinkWorker.h"
+#include "report/Spool.h"
+#include "report/SyslogSink.h"
 #include "sdk/ConfigUtils.h"
 #include "sdk/Log.h"
-#include "sdk/LoggerUtils.h"
 
 namespace Report {
 
 namespace {
-constexpr const char* kDefaultSink = "/var/log/tarnwick/alarms.jsonl";
+constexpr const char* kDefaultFile = "/var/log/tarnwick/alarms.jsonl";
+constexpr const char* kDefaultSpoolDir = "/var/lib/tarnwick/spool";
+constexpr int64_t kDefaultSpoolMiB = 256;
+constexpr int64_t kDefaultTimeoutMs = 5000;
+
+std::unique_ptr<SinkWorker> MakeWorker(std::unique_ptr<Sink> sink) {
+    const std::string dir =
+        SDK::ConfigUtils::GetString("report.spool.dir", kDefaultSpoolDir) + "/" + sink->Name();
+    int64_t mib = SDK::ConfigUtils::GetInt("report.spool.max_mb", kDefaultSpoolMiB);
+    if (mib <= 0) {
+        TW_LOG(ReportLogger(), PRIO_ERROR,
+               "report.spool.max_mb must be a positive number; using %d",
+               static_cast<int>(kDefaultSpoolMiB));
+        mib = kDefaultSpoolMiB;
+    }
+    auto spool = std::make_unique<Spool>(dir, static_cast<uint64_t>(mib) << 20);
+    std::string error;
+    if (!spool->Open(error)) {
+        TW_LOG(ReportLogger(), PRIO_ERROR,
+               "Alarm output %s: %s; its alarms are lost and counted until the spool works",
+               sink->Name(), error);
+    } else if (spool->CutAtOpen() > 0) {
+        TW_LOG(ReportLogger(), PRIO_WARNING,
+               "Alarm output %s: cut %lu bytes of a partly written alarm from spool %s",
+               sink->Name(), static_cast<unsigned long>(spool->CutAtOpen()), dir);
+    }
+    if (!spool->Empty()) {
+        TW_LOG(ReportLogger(), PRIO_NOTICE,
+               "Alarm output %s: %lu bytes of alarms from an earlier run are delivered first",
+               sink->Name(), static_cast<unsigned long>(spool->PendingBytes()));
+    }
+    return std::make_unique<SinkWorker>(std::move(sink), std::move(spool));
 }
+
+int TimeoutMs(const std::string& key) {
+    const int64_t ms = SDK::ConfigUtils::GetInt(key, kDefaultTimeoutMs);
+    return ms > 0 && ms < 600000 ? static_cast<int>(ms) : static_cast<int>(kDefaultTimeoutMs);
+}
+
+std::unique_ptr<Sink> MakeSyslogSink(const std::string& target) {
+    SyslogSink::Endpoint endpoint;
+    std::string error;
+    if (!SyslogSink::ParseTarget(target, endpoint, error)) {
+        TW_LOG(ReportLogger(), PRIO_ERROR, "Syslog output off: %s", error);
+        return nullptr;
+    }
+    const std::string name = SDK::ConfigUtils::GetString("report.syslog.facility", "auth");
+    const int facility = SyslogSink::FacilityCode(name);
+    if (facility < 0) {
+        TW_LOG(ReportLogger(), PRIO_ERROR, "Syslog output off: unknown facility '%s'", name);
+        return nullptr;
+    }
+    return std::make_unique<SyslogSink>(target, endpoint, facility,
+                                        TimeoutMs("report.syslog.timeout_ms"));
+}
+
+std::unique_ptr<Sink> MakeHttpSink(const std::string& url) {
+    std::string error;
+    if (!HttpSink::Validate(url, error)) {
+        TW_LOG(ReportLogger(), PRIO_ERROR, "HTTP output off: %s", error);
+        return nullptr;
+    }
+    HttpSink::Settings settings;
+    settings.url = url;
+    settings.timeoutMs = TimeoutMs("report.http.timeout_ms");
+    const int64_t batch = SDK::ConfigUtils::GetInt("report.http.batch", 500);
+    settings.batchLines = batch > 0 && batch <= 100000 ? static_cast<std::size_t>(batch) : 500;
+    const int64_t backoff = SDK::ConfigUtils::GetInt("report.http.retry_max_ms", 30000);
+    settings.maxBackoffMs =
+        backoff >= 100 && backoff <= 3600000 ? static_cast<int>(backoff) : 30000;
+    settings.caFile = SDK::ConfigUtils::GetString("report.http.ca_file", "");
+    settings.verifyPeer = SDK::ConfigUtils::GetString("report.http.verify_peer", "true") != "false";
+    return std::make_unique<HttpSink>(settings);
+}
+
+std::vector<std::unique_ptr<SinkWorker>> MakeWorkers() {
+    std::vector<std::unique_ptr<SinkWorker>> workers;
+    const std::string file = SDK::ConfigUtils::GetString("report.file", kDefaultFile);
+    if (!file.empty()) workers.push_back(MakeWorker(std::make_unique<FileSink>(file)));
+    const std::string syslog = SDK::ConfigUtils::GetString("report.syslog.target", "");
+    if (!syslog.empty()) {
+        if (auto sink = MakeSyslogSink(syslog)) workers.push_back(MakeWorker(std::move(sink)));
+    }
+    const std::string url = SDK::ConfigUtils::GetString("report.http.url", "");
+    if (!url.empty()) {
+        if (auto sink = MakeHttpSink(url)) workers.push_back(MakeWorker(std::move(sink)));
+    }
+    return workers;
+}
+}  // namespace
 
 DataCommModule::DataCommModule() : Framework::Module(kModuleName) {}
 
 int DataCommModule::Init() {
-    Poco::Logger* logger =
-        SDK::LoggerUtils::GetInstance()->GetModuleLogger(kModuleName, true);
-    const std::string path = SDK::ConfigUtils::GetString("report.file", kDefaultSink);
     if (!ReopenSignal::Install()) {
-        TW_LOG(logger, PRIO_WARNING, "Alarm sink: SIGHUP not hooked, the sink is not reopened on it");
+        TW_LOG(ReportLogger(), PRIO_WARNING,
+               "Alarm outputs: SIGHUP not hooked, outputs are not reopened on it");
     }
-    if (RegisterTask(new DataCommReportTask(path), false) != 0) {
-        TW_LOG(logger, PRIO_ERROR, "Alarm sink: task %s not registered",
+    if (RegisterTask(new DataCommReportTask(MakeWorkers()), false) != 0) {
+        TW_LOG(ReportLogger(), PRIO_ERROR, "Alarm outputs: task %s not registered",
                std::string(DataCommReportTask::kTaskName));
         return -1;
     }

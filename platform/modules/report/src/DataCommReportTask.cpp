@@ -1,52 +1,55 @@
 #include "report/DataCommReportTask.h"
 
+#include <json/json.h>
+
 #include "framework/Counters.h"
 #include "framework/DataMessage.h"
 #include "framework/RateLimiter.h"
 #include "report/ReopenSignal.h"
+#include "report/ReportLog.h"
 #include "sdk/Log.h"
-#include "sdk/LoggerUtils.h"
 
 namespace Report {
 
 namespace {
 constexpr unsigned int kQueueCapacity = 4096;
-constexpr std::size_t kBacklogLimit = 8u << 20;  // bytes waiting for a slow sink
-constexpr int kWaitMs = 200;                      // bounds how late a SIGHUP reopen happens
+constexpr int kWaitMs = 200;  // bounds how late a SIGHUP reopen happens
 constexpr int kBulk = 256;
+constexpr int kMaxJsonDepth = 64;
 
-Poco::Logger* Logger() {
-    return SDK::LoggerUtils::GetInstance()->GetModuleLogger("data_comm_module", true);
-}
-
-Framework::RateLimiter& FailureLimiter() {
+Framework::RateLimiter& InvalidLimiter() {
     static Framework::RateLimiter limiter(10000);
     return limiter;
 }
 }  // namespace
 
-DataCommReportTask::DataCommReportTask(const std::string& sinkPath)
+std::string ToSingleLine(const std::string& document) {
+    std::string line = document;
+    for (char& c : line) {
+        if (c == '\n' || c == '\r') c = ' ';
+    }
+    return line;
+}
+
+DataCommReportTask::DataCommReportTask(std::vector<std::unique_ptr<SinkWorker>> workers)
     : Framework::Task(kTaskName, "data_comm_feature", Framework::TaskCondition::TASK_TYPE_MESSAGE,
                       kQueueCapacity),
-      sink_(new AlarmSink(sinkPath, kBacklogLimit)) {}
+      workers_(std::move(workers)) {}
 
 int DataCommReportTask::Init() {
-    if (sink_->IsOpen()) {
-        TW_LOG(Logger(), PRIO_INFORMATION, "Alarm sink %s open", sink_->Path());
-    } else {
-        TW_LOG(Logger(), PRIO_ERROR, "Alarm sink: %s; alarms wait until it can be opened",
-               sink_->LastError());
+    if (workers_.empty()) {
+        TW_LOG(ReportLogger(), PRIO_WARNING, "No alarm output configured: alarms are dropped");
+    }
+    for (auto& worker : workers_) {
+        worker->Start();
+        TW_LOG(ReportLogger(), PRIO_INFORMATION, "Alarm output %s: %s, spooled in %s",
+               worker->GetSink().Name(), worker->GetSink().Target(), worker->GetSpool().Dir());
     }
     return Framework::Task::Init();
 }
 
 void DataCommReportTask::UnInit() {
-    sink_->Flush();
-    if (sink_->Pending() > 0) {
-        Framework::Counters::Instance().Add("report.sink.dropped");
-        TW_LOG(Logger(), PRIO_ERROR, "Alarm sink %s: %z bytes of alarms not written at shutdown",
-               sink_->Path(), sink_->Pending());
-    }
+    workers_.clear();  // each worker drains what it can in a bounded time, then stops
     Framework::Task::UnInit();
 }
 
@@ -54,35 +57,49 @@ int DataCommReportTask::Run() {
     while (!isCancelled()) {
         ReopenIfRequested();
         if (GetEventWaiter().WaitAndHandleEvent(kWaitMs, 16) == -1) BulkConsumeMsg(kBulk);
-        sink_->Flush();
     }
     return 0;
 }
 
 void DataCommReportTask::ReopenIfRequested() {
     if (!ReopenSignal::Take()) return;
-    if (sink_->Reopen()) {
-        TW_LOG(Logger(), PRIO_INFORMATION, "Alarm sink %s reopened", sink_->Path());
-    } else {
-        TW_LOG(Logger(), PRIO_ERROR, "Alarm sink: %s", sink_->LastError());
+    for (auto& worker : workers_) worker->RequestReopen();
+}
+
+bool DataCommReportTask::IsJsonObject(const std::string& text) {
+    if (!reader_) {
+        Json::CharReaderBuilder builder;
+        builder["collectComments"] = false;
+        builder["stackLimit"] = kMaxJsonDepth;
+        reader_.reset(builder.newCharReader());
+    }
+    Json::Value root;
+    std::string errors;
+    try {
+        return reader_->parse(text.data(), text.data() + text.size(), &root, &errors) &&
+               root.isObject();
+    } catch (const std::exception&) {
+        return false;  // nested deeper than the stack limit
     }
 }
 
 int DataCommReportTask::HandleMsg(const Framework::Message* msg) {
     const auto* data = dynamic_cast<const Framework::DataMessage*>(msg);
     if (data == nullptr) return 0;
-    const bool kept = sink_->WriteLine(ToSingleLine(data->GetData()));
-    if (kept && sink_->LastError().empty()) {
-        Framework::Counters::Instance().Add("report.alarms.written");
+    Framework::Counters::Instance().Add("report.alarms.received");
+    const std::string line = ToSingleLine(data->GetData());
+    if (!IsJsonObject(line)) {
+        Framework::Counters::Instance().Add("report.alarms.invalid");
+        uint64_t suppressed = 0;
+        if (InvalidLimiter().Allow(suppressed)) {
+            TW_LOG(ReportLogger(), PRIO_ERROR,
+                   "Alarm dropped: not a JSON object (%z bytes, starts '%s'); %lu more suppressed",
+                   line.size(), line.substr(0, 60), static_cast<unsigned long>(suppressed));
+        }
         return 0;
     }
-    uint64_t suppressed = 0;
-    if (FailureLimiter().Allow(suppressed)) {
-        TW_LOG(Logger(), PRIO_WARNING,
-               "Alarm sink %s is failing or slow (%s); %z bytes waiting, %lu warnings suppressed",
-               sink_->Path(), sink_->LastError(), sink_->Pending(),
-               static_cast<unsigned long>(suppressed));
-    }
+    if (workers_.empty()) Framework::Counters::Instance().Add("report.alarms.no_output");
+    for (auto& worker : workers_) worker->Offer(line);
     return 0;
 }
 

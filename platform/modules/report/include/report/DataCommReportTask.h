@@ -1,20 +1,27 @@
 #pragma once
 
+#include <json/json.h>
+
 #include <memory>
 #include <string>
+#include <vector>
 
 #include "framework/Task.h"
-#include "report/AlarmSink.h"
+#include "report/SinkWorker.h"
 
 namespace Report {
 
-/// "data_comm_report_task": writes every DataMessage it receives as one line to the alarm sink,
-/// and reopens the sink when the process receives SIGHUP.
+/// "data_comm_report_task": hands every alarm document (DataMessage) to each configured output.
+/// Handling a message only appends the document to each output's on-disk spool; the outputs'
+/// own threads deliver from there, so neither a sender nor this task ever waits on an output.
+/// A document that is not JSON is logged and dropped (report.alarms.invalid). SIGHUP reopens
+/// the outputs (the alarm file after rotation).
 class DataCommReportTask : public Framework::Task {
 public:
     static constexpr const char* kTaskName = "data_comm_report_task";
 
-    explicit DataCommReportTask(const std::string& sinkPath);
+    /// Takes the workers; they start in Init and stop (after a bounded drain) in UnInit.
+    explicit DataCommReportTask(std::vector<std::unique_ptr<SinkWorker>> workers);
 
     int Init() override;
     void UnInit() override;
@@ -23,8 +30,14 @@ public:
 
 private:
     void ReopenIfRequested();
+    bool IsJsonObject(const std::string& text);  // task thread only: reuses reader_
 
-    std::unique_ptr<AlarmSink> sink_;
+    std::unique_ptr<Json::CharReader> reader_;
+    std::vector<std::unique_ptr<SinkWorker>> workers_;
 };
+
+/// One alarm document as one line: line breaks (whitespace in valid JSON) become spaces, so a
+/// reader of JSON Lines never sees a document split in two.
+std::string ToSingleLine(const std::string& document);
 
 }  // namespace Report
