@@ -135,8 +135,8 @@ void ProcessUtils::GetContainerID(int pid, std::string& containerId) {
     if (captured && !capture.id.empty()) containerId = capture.id;
 }
 
-void ProcessUtils::CaptureProcess(int pid, const std::string& fallbackId) {
-    if (pid <= 0) return;
+std::string ProcessUtils::CaptureProcess(int pid, const std::string& fallbackId) {
+    if (pid <= 0) return std::string();
     Capture capture;
     capture.capturedTicks = NowTicks();
     if (StartTicks(pid, capture.startTicks)) {
@@ -151,9 +151,11 @@ void ProcessUtils::CaptureProcess(int pid, const std::string& fallbackId) {
     if (it != table.byPid.end()) {
         // A process already gone tells nothing new: keep what was seen of it while it ran, or
         // an earlier guess, unless this guess fills an empty answer.
-        if (capture.startTicks == 0 && (capture.id.empty() || !it->second.id.empty())) return;
+        if (capture.startTicks == 0 && (capture.id.empty() || !it->second.id.empty())) {
+            return it->second.id;
+        }
         it->second = capture;
-        return;
+        return capture.id;
     }
     if (table.byPid.size() >= kMaxCaptured) {
         table.byPid.erase(table.order.front());
@@ -161,6 +163,7 @@ void ProcessUtils::CaptureProcess(int pid, const std::string& fallbackId) {
     }
     table.byPid.emplace(pid, capture);
     table.order.push_back(pid);
+    return capture.id;
 }
 
 }  // namespace SDK

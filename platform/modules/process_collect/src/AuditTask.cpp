@@ -458,8 +458,10 @@ void AuditTask::CaptureWriters(const AuditLogSyscall& syscall, const std::string
     if (syscall.containerView && key.compare(0, 4, kContainerKeyPrefix) == 0) {
         guess = key.substr(4);
     }
-    SDK::ProcessUtils::CaptureProcess(std::atoi(syscall.pid.c_str()), guess);
+    const std::string id = SDK::ProcessUtils::CaptureProcess(std::atoi(syscall.pid.c_str()), guess);
     SDK::ProcessUtils::CaptureProcess(std::atoi(syscall.ppid.c_str()));
+    TW_LOG(logger_, PRIO_DEBUG, "Audit event %s: writer %s (%s) in container '%s'", syscall.serial,
+           syscall.pid, syscall.processName, id);
 }
 
 const AuditTask::RuleEntry* AuditTask::EntryOf(const std::string& key) const {

@@ -14,8 +14,9 @@ public:
     /// Remembers now which container process `pid` runs in, for GetContainerID after it exits
     /// (short-lived writers are gone before anyone asks). When the process is already gone,
     /// `fallbackId` (what the caller knows otherwise, may be empty) is remembered instead.
-    /// Bounded: the oldest captures are forgotten first. Thread-safe.
-    static void CaptureProcess(int pid, const std::string& fallbackId = std::string());
+    /// Bounded: the oldest captures are forgotten first. Thread-safe. Returns the id that
+    /// GetContainerID will now give for `pid` once it has exited.
+    static std::string CaptureProcess(int pid, const std::string& fallbackId = std::string());
     /// The same lookup on the text of a cgroup file (for tests and fuzzers).
     static std::string ParseContainerIdFromCgroup(const std::string& cgroupText);
 };
