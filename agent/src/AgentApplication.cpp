@@ -1,16 +1,5 @@
 #include "agent/AgentApplication.h"
 
-#include <pthread.h>
-#include <signal.h>
-#include <sys/stat.h>
-
-#include <chrono>
-#include <csignal>
-#include <condition_variable>
-#include <iostream>
-#include <mutex>
-#include <thread>
-
 #include <Poco/AutoPtr.h>
 #include <Poco/ConsoleChannel.h>
 #include <Poco/File.h>
@@ -23,12 +12,22 @@
 #include <Poco/Util/OptionCallback.h>
 #include <Poco/Util/OptionSet.h>
 #include <Poco/Util/PropertyFileConfiguration.h>
+#include <pthread.h>
+#include <signal.h>
+#include <sys/stat.h>
+
+#include <chrono>
+#include <condition_variable>
+#include <csignal>
+#include <iostream>
+#include <mutex>
+#include <thread>
 
 #include "agent/ModuleLoader.h"
 #include "agent/PolicyDirectory.h"
-#include "framework/StartupGate.h"
 #include "framework/Counters.h"
 #include "framework/Module.h"
+#include "framework/StartupGate.h"
 #include "framework/StatusBoard.h"
 #include "sdk/ConfigUtils.h"
 #include "sdk/InnerCpuCtrlUtils.h"
@@ -61,15 +60,17 @@ const std::map<std::string, std::string>& Defaults() {
 // Option name -> setting key.
 const std::map<std::string, std::string>& OptionKeys() {
     static const std::map<std::string, std::string> keys = {
-        {"module-dir", "module.dir"},   {"policy-dir", "policy.dir"},
-        {"alarms", "report.file"},      {"log", "log.file"},
-        {"log-level", "log.level"},     {"docker-socket", "docker.socket"},
+        {"module-dir", "module.dir"},       {"policy-dir", "policy.dir"},
+        {"alarms", "report.file"},          {"log", "log.file"},
+        {"log-level", "log.level"},         {"docker-socket", "docker.socket"},
         {"cpu-limit", "cpu.limit_percent"}, {"spool-dir", "report.spool.dir"},
     };
     return keys;
 }
 
-Poco::Logger* AgentLogger() { return SDK::LoggerUtils::GetInstance()->GetModuleLogger("agent", true); }
+Poco::Logger* AgentLogger() {
+    return SDK::LoggerUtils::GetInstance()->GetModuleLogger("agent", true);
+}
 
 bool IsDirectory(const std::string& path) {
     struct stat st;
@@ -106,14 +107,18 @@ void AgentApplication::defineOptions(Poco::Util::OptionSet& options) {
     ServerApplication::defineOptions(options);
     using Poco::Util::Option;
     using Poco::Util::OptionCallback;
-    options.addOption(Option("help", "h", "Show this help and exit.")
-                          .required(false)
-                          .repeatable(false)
-                          .callback(OptionCallback<AgentApplication>(this, &AgentApplication::HandleHelp)));
-    options.addOption(Option("config", "c", "Settings file (default " + std::string(kDefaultConfig) +
-                                                ", when present).")
-                          .required(false).repeatable(false).argument("FILE")
-                          .callback(OptionCallback<AgentApplication>(this, &AgentApplication::HandleSetting)));
+    options.addOption(
+        Option("help", "h", "Show this help and exit.")
+            .required(false)
+            .repeatable(false)
+            .callback(OptionCallback<AgentApplication>(this, &AgentApplication::HandleHelp)));
+    options.addOption(
+        Option("config", "c",
+               "Settings file (default " + std::string(kDefaultConfig) + ", when present).")
+            .required(false)
+            .repeatable(false)
+            .argument("FILE")
+            .callback(OptionCallback<AgentApplication>(this, &AgentApplication::HandleSetting)));
     const struct {
         const char* name;
         const char* arg;
@@ -121,17 +126,22 @@ void AgentApplication::defineOptions(Poco::Util::OptionSet& options) {
     } settings[] = {
         {"module-dir", "DIR", "Directory of the lib*_module.so modules (module.dir)."},
         {"policy-dir", "DIR", "Directory of <key>.json policy documents (policy.dir)."},
-        {"alarms", "FILE", "Alarm sink, one JSON document a line; - for standard output (report.file)."},
+        {"alarms", "FILE",
+         "Alarm sink, one JSON document a line; - for standard output (report.file)."},
         {"spool-dir", "DIR", "Spools of the alarm outputs, one directory each (report.spool.dir)."},
         {"log", "FILE", "Log file (rotated at 10 MB); - for standard error (log.file)."},
         {"log-level", "LEVEL", "error, warning, notice, information, debug or trace (log.level)."},
         {"docker-socket", "PATH", "Docker engine API socket (docker.socket)."},
-        {"cpu-limit", "PERCENT", "CPU share per task thread, 1-99; 0 turns the limiter off (cpu.limit_percent)."},
+        {"cpu-limit", "PERCENT",
+         "CPU share per task thread, 1-99; 0 turns the limiter off (cpu.limit_percent)."},
     };
     for (const auto& s : settings) {
         options.addOption(Option(s.name, "", s.help)
-                              .required(false).repeatable(false).argument(s.arg)
-                              .callback(OptionCallback<AgentApplication>(this, &AgentApplication::HandleSetting)));
+                              .required(false)
+                              .repeatable(false)
+                              .argument(s.arg)
+                              .callback(OptionCallback<AgentApplication>(
+                                  this, &AgentApplication::HandleSetting)));
     }
 }
 
@@ -238,8 +248,7 @@ bool AgentApplication::SetUpLogging(std::string& error) {
     }
     Poco::AutoPtr<Poco::PatternFormatter> pattern(
         new Poco::PatternFormatter("%Y-%m-%d %H:%M:%S.%i [%p] %s %U:%u: %t"));
-    Poco::AutoPtr<Poco::FormattingChannel> formatting(
-        new Poco::FormattingChannel(pattern, sink));
+    Poco::AutoPtr<Poco::FormattingChannel> formatting(new Poco::FormattingChannel(pattern, sink));
     SDK::LoggerUtils::GetInstance()->Configure(
         formatting, SDK::LoggerUtils::ParseLevel(SDK::ConfigUtils::GetString("log.level", "")));
     return true;
@@ -248,14 +257,14 @@ bool AgentApplication::SetUpLogging(std::string& error) {
 void AgentApplication::DeliverPolicies(PolicyDirectory& policies, ModuleLoader& loader) {
     std::vector<PolicyDirectory::Problem> problems;
     for (const auto& change : policies.Scan(problems)) {
-        const int taken = loader.DeliverPolicy(change.key, FeatureOf(change.document),
-                                               change.document);
+        const int taken =
+            loader.DeliverPolicy(change.key, FeatureOf(change.document), change.document);
         if (taken == 0) {
             TW_LOG(AgentLogger(), PRIO_WARNING, "Policy %s: no module takes policy key %s",
                    change.path, change.key);
         } else {
-            TW_LOG(AgentLogger(), PRIO_INFORMATION, "Policy %s delivered under key %s",
-                   change.path, change.key);
+            TW_LOG(AgentLogger(), PRIO_INFORMATION, "Policy %s delivered under key %s", change.path,
+                   change.key);
         }
     }
     for (const auto& problem : problems) {
@@ -269,7 +278,8 @@ void AgentApplication::LogCounters() {
         if (!text.empty()) text += ", ";
         text += counter.first + "=" + std::to_string(counter.second);
     }
-    TW_LOG(AgentLogger(), PRIO_INFORMATION, "Status: %s", text.empty() ? std::string("no losses") : text);
+    TW_LOG(AgentLogger(), PRIO_INFORMATION, "Status: %s",
+           text.empty() ? std::string("no losses") : text);
     for (const auto& line : Framework::StatusBoard::Instance().Snapshot()) {
         TW_LOG(AgentLogger(), PRIO_INFORMATION, "Status %s: %s", line.first, line.second);
     }
@@ -323,14 +333,15 @@ int AgentApplication::main(const std::vector<std::string>& args) {
            loader.Modules().size());
 
     StopSignal stop;
-    const auto scanEvery = std::chrono::milliseconds(SDK::ConfigUtils::GetInt("policy.scan_ms", 1000));
+    const auto scanEvery =
+        std::chrono::milliseconds(SDK::ConfigUtils::GetInt("policy.scan_ms", 1000));
     const int64_t statusEveryS = SDK::ConfigUtils::GetInt("status.interval_s", 60);
     std::thread watcher([&] {
         auto lastStatus = std::chrono::steady_clock::now();
         while (!stop.WaitFor(scanEvery)) {
             DeliverPolicies(policies, loader);
-            if (statusEveryS > 0 &&
-                std::chrono::steady_clock::now() - lastStatus >= std::chrono::seconds(statusEveryS)) {
+            if (statusEveryS > 0 && std::chrono::steady_clock::now() - lastStatus >=
+                                        std::chrono::seconds(statusEveryS)) {
                 LogCounters();
                 lastStatus = std::chrono::steady_clock::now();
             }

@@ -144,9 +144,10 @@ int Task::BulkConsumeMsg(int maxCount) {
             Counters::Instance().Add(CounterNames::kHandlerException);
             uint64_t suppressed = 0;
             if (gHandlerWarn.Allow(suppressed)) {
-                TW_LOG(FrameworkLogger(), PRIO_ERROR,
-                       "Task %s: handler of %s threw a non-standard exception (%lu more not logged)",
-                       name(), msg->TypeName(), static_cast<unsigned long>(suppressed));
+                TW_LOG(
+                    FrameworkLogger(), PRIO_ERROR,
+                    "Task %s: handler of %s threw a non-standard exception (%lu more not logged)",
+                    name(), msg->TypeName(), static_cast<unsigned long>(suppressed));
             }
         }
         msg.reset();  // release each message as soon as it was handled

@@ -1,7 +1,6 @@
 #include "framework/TaskRegistry.h"
 
 #include <algorithm>
-
 #include <mutex>
 
 #include "framework/Task.h"

@@ -1,13 +1,12 @@
 #include "sdk/FileUtils.h"
 
 #include <fcntl.h>
+#include <openssl/evp.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
 #include <memory>
-
-#include <openssl/evp.h>
 
 #include "sdk/ContainerRoot.h"
 #include "sdk/RootConfinement.h"

@@ -40,7 +40,8 @@ unsigned long long NowTicks() {
     clock_gettime(CLOCK_BOOTTIME, &ts);
     const long hz = sysconf(_SC_CLK_TCK);
     return static_cast<unsigned long long>(ts.tv_sec) * static_cast<unsigned long long>(hz) +
-           static_cast<unsigned long long>(ts.tv_nsec) / (1000000000ULL / static_cast<unsigned long long>(hz));
+           static_cast<unsigned long long>(ts.tv_nsec) /
+               (1000000000ULL / static_cast<unsigned long long>(hz));
 }
 
 // The start time of `pid` (field 22 of /proc/<pid>/stat); false when it does not run.

@@ -313,8 +313,8 @@ TEST_F(AuditModuleTest, RulesLeftByAnEarlierRunAreDeletedAtStart) {
     Shell("auditctl -w " + stale + " -p wa -k " + foreign + " >/dev/null 2>&1");
     ASSERT_TRUE(HasRuleWithKey(key)) << AuditRules();
     Shell("mkdir -p " + dir_ + "/state && printf '[{\"path\":\"" + stale +
-          "\",\"perms\":\"wa\",\"key\":\"" + key +
-          "\",\"directory\":true}]' > " + dir_ + "/state/audit-rules.json");
+          "\",\"perms\":\"wa\",\"key\":\"" + key + "\",\"directory\":true}]' > " + dir_ +
+          "/state/audit-rules.json");
     StartModule();
     EXPECT_FALSE(HasRuleWithKey(key)) << AuditRules();
     EXPECT_TRUE(HasRuleWithKey(foreign)) << AuditRules();
@@ -420,8 +420,8 @@ TEST_F(AuditContainerTest, ClimbsAndLinksStayInsideTheContainer) {
     const std::string key = keyPrefix_ + container_;
     Request("-w", merged_, key);
     ASSERT_TRUE(WaitFor([&] { return HasRuleWithKey(key); })) << AuditRules();
-    Shell("docker exec -w /usr/bin " + container_ +
-          " sh -c 'ln -s " + dir_ + " /usr/bin/hostdir; ln -s /bin/busybox /usr/bin/evil;"
+    Shell("docker exec -w /usr/bin " + container_ + " sh -c 'ln -s " + dir_ +
+          " /usr/bin/hostdir; ln -s /bin/busybox /usr/bin/evil;"
           " cp /bin/busybox ../../../../../usr/bin/climbed'");
     Received got;
     ASSERT_TRUE(WaitFor([&] {

@@ -1,11 +1,11 @@
 // The engine-document parsers against answers captured from a real dockerd (tests/data/container)
 // and damaged copies of them.
+#include <gtest/gtest.h>
+
 #include <fstream>
 #include <sstream>
 #include <string>
 #include <vector>
-
-#include <gtest/gtest.h>
 
 #include "container/DockerDocuments.h"
 #include "container/DockerEventStream.h"
@@ -166,8 +166,8 @@ TEST_F(InspectDocument, CommandWithoutArgumentsAndNameWithoutSlash) {
     ContainerInfo info;
     std::string error;
     ASSERT_TRUE(ParseContainerInspect(
-        R"({"Id":"ab","Name":"plain","Path":"/bin/sh","Args":[],"State":{"Running":false}})",
-        info, error));
+        R"({"Id":"ab","Name":"plain","Path":"/bin/sh","Args":[],"State":{"Running":false}})", info,
+        error));
     EXPECT_EQ(info.cmd, "/bin/sh");
     EXPECT_EQ(info.name, "plain");
 }
@@ -231,21 +231,21 @@ TEST_F(EventLine, CapturedStreamGivesStartsAndDies) {
 TEST_F(EventLine, OtherTypesAndActionsAreIgnored) {
     ContainerEvent event;
     std::string error;
-    EXPECT_EQ(ParseContainerEvent(
-                  R"({"Type":"network","Action":"connect","Actor":{"ID":"abc"}})", event, error),
+    EXPECT_EQ(ParseContainerEvent(R"({"Type":"network","Action":"connect","Actor":{"ID":"abc"}})",
+                                  event, error),
               EventLineResult::kIgnored);
-    EXPECT_EQ(ParseContainerEvent(
-                  R"({"Type":"container","Action":"exec_start: sh","Actor":{"ID":"abc"}})",
-                  event, error),
-              EventLineResult::kIgnored);
+    EXPECT_EQ(
+        ParseContainerEvent(
+            R"({"Type":"container","Action":"exec_start: sh","Actor":{"ID":"abc"}})", event, error),
+        EventLineResult::kIgnored);
 }
 
 TEST_F(EventLine, OldEngineFormatWithStatusAndIdIsTaken) {
     ContainerEvent event;
     std::string error;
-    ASSERT_EQ(ParseContainerEvent(R"({"status":"die","id":"abc","from":"x","time":1})", event,
-                                  error),
-              EventLineResult::kEvent);
+    ASSERT_EQ(
+        ParseContainerEvent(R"({"status":"die","id":"abc","from":"x","time":1})", event, error),
+        EventLineResult::kEvent);
     EXPECT_EQ(event.action, ContainerEvent::Action::kDie);
     EXPECT_EQ(event.id, "abc");
 }

@@ -1,8 +1,8 @@
 // Round-robin draining: a newcomer is served within one round of a storming source.
+#include <gtest/gtest.h>
+
 #include <string>
 #include <vector>
-
-#include <gtest/gtest.h>
 
 #include "filenotify/FairQueue.h"
 
@@ -45,6 +45,9 @@ TEST(FairQueue, EachSourceHasItsShareAndTheWholeHasABound) {
     ASSERT_TRUE(queue.Push("b", 1));
     EXPECT_TRUE(queue.Full());
     EXPECT_EQ(5u, queue.Size());
+    EXPECT_EQ(3u, queue.EraseIf([](const std::string& source, int) { return source == "a"; }));
+    EXPECT_EQ(2u, queue.Size());
+    EXPECT_TRUE(queue.Push("a", 9));
 }
 
 }  // namespace

@@ -1,4 +1,5 @@
 #include <fcntl.h>
+#include <gtest/gtest.h>
 #include <poll.h>
 #include <sys/inotify.h>
 #include <sys/stat.h>
@@ -10,8 +11,6 @@
 #include <string>
 #include <vector>
 
-#include <gtest/gtest.h>
-
 #include "filenotify/WatchTable.h"
 #include "framework/Counters.h"
 
@@ -21,8 +20,8 @@ using Engine::InotifyRecord;
 using Engine::WatchNotification;
 using Engine::WatchTable;
 
-constexpr uint32_t kAll = IN_CREATE | IN_MODIFY | IN_DELETE | IN_MOVE | IN_ATTRIB |
-                          IN_DELETE_SELF | IN_MOVE_SELF;
+constexpr uint32_t kAll =
+    IN_CREATE | IN_MODIFY | IN_DELETE | IN_MOVE | IN_ATTRIB | IN_DELETE_SELF | IN_MOVE_SELF;
 
 void Touch(const std::string& path) {
     const int fd = ::open(path.c_str(), O_CREAT | O_WRONLY | O_CLOEXEC, 0600);

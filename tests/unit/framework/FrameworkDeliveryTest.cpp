@@ -1,5 +1,7 @@
 // Message delivery between tasks on the real framework: ownership, losses, handler failures
 // and waking an idle task.
+#include <gtest/gtest.h>
+
 #include <atomic>
 #include <chrono>
 #include <condition_variable>
@@ -8,8 +10,6 @@
 #include <string>
 #include <thread>
 #include <vector>
-
-#include <gtest/gtest.h>
 
 #include "framework/Counters.h"
 #include "framework/Module.h"

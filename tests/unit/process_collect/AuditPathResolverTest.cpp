@@ -1,11 +1,10 @@
 // Path items resolved inside a stand-in container root on the real file system.
+#include <gtest/gtest.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <cstdlib>
 #include <fstream>
-
-#include <gtest/gtest.h>
 
 #include "process_collect/AuditPathResolver.h"
 
@@ -45,9 +44,9 @@ protected:
 TEST_F(ResolverTest, ItemsResolveInsideTheRootAndWhatLeavesItIsDropped) {
     const SDK::ContainerRoot container(root);
     AuditLogSyscall syscall;
-    syscall.paths = {Item(root + "/bin/link", "CREATE"), Item(root + "/../../../bin/tool", "NORMAL"),
-                     Item(root + "/bin/out", "NORMAL"), Item(root + "/bin/gone", "DELETE"),
-                     Item(root + "/bin", "PARENT")};
+    syscall.paths = {Item(root + "/bin/link", "CREATE"),
+                     Item(root + "/../../../bin/tool", "NORMAL"), Item(root + "/bin/out", "NORMAL"),
+                     Item(root + "/bin/gone", "DELETE"), Item(root + "/bin", "PARENT")};
     ASSERT_TRUE(AuditPathResolver::Resolve(container, syscall));
     ASSERT_EQ(3u, syscall.paths.size());
     EXPECT_EQ(root + "/bin/tool", syscall.paths[0].name);

@@ -1,9 +1,9 @@
 // The ledger of rules the agent added, against real files.
-#include <cstdlib>
-#include <fstream>
-
 #include <gtest/gtest.h>
 #include <unistd.h>
+
+#include <cstdlib>
+#include <fstream>
 
 #include "process_collect/AuditRuleLedger.h"
 

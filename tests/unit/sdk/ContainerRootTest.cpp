@@ -1,13 +1,12 @@
 // Lookups inside a container's root against a real directory tree standing in for one: links
 // and ".." planted by the "container" must never lead to a host file.
+#include <gtest/gtest.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <cstdlib>
 #include <fstream>
 #include <string>
-
-#include <gtest/gtest.h>
 
 #include "sdk/ContainerRoot.h"
 #include "sdk/FileUtils.h"

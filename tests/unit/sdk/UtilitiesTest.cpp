@@ -1,5 +1,7 @@
 // The utility library against real files and the real /proc.
 #include <fcntl.h>
+#include <gtest/gtest.h>
+#include <json/json.h>
 #include <limits.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
@@ -9,9 +11,6 @@
 #include <cstdlib>
 #include <fstream>
 #include <string>
-
-#include <gtest/gtest.h>
-#include <json/json.h>
 
 #include "sdk/CryptoCodeUtils.h"
 #include "sdk/FileUtils.h"
@@ -125,10 +124,11 @@ TEST(ContainerOfProcess, CgroupV1AndV2Forms) {
     EXPECT_EQ(SDK::ProcessUtils::ParseContainerIdFromCgroup(
                   "12:pids:/docker/" + id + "\n1:name=systemd:/docker/" + id + "\n"),
               id);
-    EXPECT_EQ(SDK::ProcessUtils::ParseContainerIdFromCgroup(
-                  "0::/system.slice/docker-" + id + ".scope\n"),
-              id);
-    EXPECT_EQ(SDK::ProcessUtils::ParseContainerIdFromCgroup("0::/user.slice/session-1.scope\n"), "");
+    EXPECT_EQ(
+        SDK::ProcessUtils::ParseContainerIdFromCgroup("0::/system.slice/docker-" + id + ".scope\n"),
+        id);
+    EXPECT_EQ(SDK::ProcessUtils::ParseContainerIdFromCgroup("0::/user.slice/session-1.scope\n"),
+              "");
     EXPECT_EQ(SDK::ProcessUtils::ParseContainerIdFromCgroup("0::/docker/nothex\n"), "");
     // This test process is not in a container, and a missing process has no container.
     std::string mine;
@@ -165,13 +165,19 @@ TEST(Logging, LevelNamesAndUuids) {
 
 namespace {
 
+// The pid of a child that has exited and been reaped: a process that is gone.
+pid_t GoneProcess() {
+    const pid_t child = ::fork();
+    if (child == 0) ::_exit(0);
+    if (child > 0) ::waitpid(child, nullptr, 0);
+    return child;
+}
+
 // Short-lived writers are gone before an alarm asks who they were: the capture answers for
 // them, while a live process outside any container is never given a guessed container.
 TEST(ContainerOfProcess, CapturedProcessIsNamedAfterItExited) {
-    const pid_t child = ::fork();
-    if (child == 0) ::_exit(0);
+    const pid_t child = GoneProcess();
     ASSERT_GT(child, 0);
-    ASSERT_EQ(child, ::waitpid(child, nullptr, 0));
     const std::string guess(64, 'a');
     SDK::ProcessUtils::CaptureProcess(child, guess);
     std::string id;
@@ -184,17 +190,11 @@ TEST(ContainerOfProcess, CapturedProcessIsNamedAfterItExited) {
     EXPECT_EQ("", id);
 }
 
-}  // namespace
-
-namespace {
-
 // The close of a file can be seen after its writer exited and after a guess was recorded for
 // it: knowing nothing new must not wipe out what was known.
 TEST(ContainerOfProcess, ALaterCaptureOfAGoneProcessKeepsTheEarlierAnswer) {
-    const pid_t child = ::fork();
-    if (child == 0) ::_exit(0);
+    const pid_t child = GoneProcess();
     ASSERT_GT(child, 0);
-    ASSERT_EQ(child, ::waitpid(child, nullptr, 0));
     const std::string guess(64, 'c');
     SDK::ProcessUtils::CaptureProcess(child, guess);
     SDK::ProcessUtils::CaptureProcess(child);

@@ -1,12 +1,12 @@
 #pragma once
 
+#include <Poco/Task.h>
+
 #include <atomic>
 #include <condition_variable>
 #include <memory>
 #include <mutex>
 #include <string>
-
-#include <Poco/Task.h>
 
 #include "framework/EventWaiter.h"
 #include "framework/Message.h"
@@ -62,8 +62,8 @@ public:
     /// Messages waiting in the queue of the task registered as `taskName` (a snapshot), or -1
     /// when there is none. Any thread.
     static long QueuedMessages(const std::string& taskName);
-    /// True when some task's queue is long (TaskRegistry::kCongestedDepth): the pipeline is behind, and
-    /// a service that reads the kernel should hold back rather than push more in. Any thread.
+    /// True when some task's queue is long (TaskRegistry::kCongestedDepth): the pipeline is behind,
+    /// and a service that reads the kernel should hold back rather than push more in. Any thread.
     static bool PipelineCongested();
 
     /// Takes up to maxCount queued messages and delivers each on this thread. An exception

@@ -27,7 +27,7 @@ public:
     long Queued(const std::string& name) const;
     /// Messages waiting in one queue beyond which the task counts as congested (or half its
     /// capacity, when that is less): what a newcomer may find ahead of it stays short.
-    static constexpr std::size_t kCongestedDepth = 256;
+    static constexpr std::size_t kCongestedDepth = 64;
     /// The name of a congested task, or empty when none is.
     std::string Congested() const;
 

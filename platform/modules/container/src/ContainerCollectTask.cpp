@@ -8,8 +8,8 @@
 #include "container/ContainerModule.h"
 #include "framework/ContainerRegistry.h"
 #include "framework/Counters.h"
-#include "framework/StartupGate.h"
 #include "framework/RateLimiter.h"
+#include "framework/StartupGate.h"
 #include "sdk/ConfigUtils.h"
 #include "sdk/Log.h"
 
@@ -186,8 +186,7 @@ bool ContainerCollectTask::Resync() {
     }
     if (!ParseContainerList(body, ids, error)) {
         Framework::Counters::Instance().Add("container.list.malformed");
-        TW_LOG(Log(), PRIO_ERROR, "Docker monitor dropped a malformed container list: %s",
-               error);
+        TW_LOG(Log(), PRIO_ERROR, "Docker monitor dropped a malformed container list: %s", error);
         return false;
     }
     const std::set<std::string> listed(ids.begin(), ids.end());
@@ -217,8 +216,8 @@ bool ContainerCollectTask::Inspect(const std::string& id, ContainerInfo& info, i
     uint64_t suppressed = 0;
     if (gInspectWarn.Allow(suppressed)) {
         TW_LOG(Log(), PRIO_WARNING,
-               "Docker monitor dropped container %s: inspect failed: %s (%lu more not logged)",
-               id, error, static_cast<unsigned long>(suppressed));
+               "Docker monitor dropped container %s: inspect failed: %s (%lu more not logged)", id,
+               error, static_cast<unsigned long>(suppressed));
     }
     return false;
 }

@@ -1,10 +1,10 @@
 #include "container/DockerDocuments.h"
 
+#include <json/json.h>
+
 #include <cstdlib>
 #include <cstring>
 #include <exception>
-
-#include <json/json.h>
 
 #include "sdk/JsonUtils.h"
 

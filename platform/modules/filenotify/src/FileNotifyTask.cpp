@@ -83,7 +83,13 @@ int FileNotifyTask::Run() {
 
 int FileNotifyTask::Receive(const FileNotifyWatchMessage& msg) {
     if (!table_) return -1;
-    if (!msg.add) return table_->Remove(msg.path, msg.requester) ? 0 : -1;
+    if (!msg.add) {
+        // Events still waiting for a watch its requester gave up are not wanted any more.
+        pending_.EraseIf([&msg](const Source& source, const WatchNotification& n) {
+            return source.first == msg.requester && n.watchPath == msg.path;
+        });
+        return table_->Remove(msg.path, msg.requester) ? 0 : -1;
+    }
     uint32_t mask = 0;
     for (unsigned int m : msg.masks) mask |= m;
     return table_->Add(msg.path, msg.requester, mask, msg.options) ? 0 : -1;

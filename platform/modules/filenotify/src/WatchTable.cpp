@@ -120,11 +120,16 @@ WatchTable::~WatchTable() {
 bool WatchTable::Add(const std::string& path, const std::string& requester, uint32_t mask,
                      const _FileNotifyOpt& options) {
     const char* refusal = nullptr;
-    if (!IsOpen()) refusal = "no inotify instance";
-    else if (path.empty() || path[0] != '/') refusal = "not an absolute path";
-    else if (requester.empty()) refusal = "no requester task";
-    else if ((mask & IN_ALL_EVENTS) == 0) refusal = "no event in the mask";
-    else if (nodes_.count(path) == 0 && nodes_.size() >= kMaxPaths) refusal = "too many paths";
+    if (!IsOpen())
+        refusal = "no inotify instance";
+    else if (path.empty() || path[0] != '/')
+        refusal = "not an absolute path";
+    else if (requester.empty())
+        refusal = "no requester task";
+    else if ((mask & IN_ALL_EVENTS) == 0)
+        refusal = "no event in the mask";
+    else if (nodes_.count(path) == 0 && nodes_.size() >= kMaxPaths)
+        refusal = "too many paths";
     if (refusal != nullptr) {
         Framework::Counters::Instance().Add(kRefusedCounter);
         TW_LOG(Logger(), PRIO_WARNING, "File notify: watch on %s for %s refused: %s", path,

@@ -1,5 +1,6 @@
 #include "process_collect/AuditRuleLedger.h"
 
+#include <json/json.h>
 #include <sys/stat.h>
 
 #include <cerrno>
@@ -7,8 +8,6 @@
 #include <cstring>
 #include <fstream>
 #include <sstream>
-
-#include <json/json.h>
 
 #include "sdk/JsonUtils.h"
 

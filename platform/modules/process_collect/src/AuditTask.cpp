@@ -90,8 +90,7 @@ int AuditTask::Init() {
     const uint64_t maxDelayMs =
         static_cast<uint64_t>(Setting("audit.max_delay_ms", kDefaultMaxDelayMs, 0));
     lostPollMs_ = static_cast<uint64_t>(Setting("audit.lost_poll_ms", kDefaultLostPollMs, 10));
-    ruleCheckMs_ =
-        static_cast<uint64_t>(Setting("audit.rule_check_ms", kDefaultRuleCheckMs, 100));
+    ruleCheckMs_ = static_cast<uint64_t>(Setting("audit.rule_check_ms", kDefaultRuleCheckMs, 100));
     ledger_.reset(
         new AuditRuleLedger(SDK::ConfigUtils::GetString("audit.state_file", kDefaultLedger)));
     settler_.reset(new EventSettler(settleMs, maxDelayMs, kMaxHeldWrites, EventSettler::StatFn()));
@@ -189,8 +188,7 @@ void AuditTask::SaveLedger() {
         uint64_t suppressed = 0;
         if (ruleLog_.Allow(suppressed)) {
             TW_LOG(logger_, PRIO_WARNING,
-                   "Audit task cannot remember its rules (a restart would leave them): %s",
-                   error);
+                   "Audit task cannot remember its rules (a restart would leave them): %s", error);
         }
     }
 }
@@ -230,7 +228,8 @@ void AuditTask::Housekeeping(uint64_t nowMs) {
     const uint64_t vanishedBefore = settler_->Vanished();
     settler_->Poll(nowMs, ready);
     if (settler_->Vanished() != vanishedBefore) {
-        Framework::Counters::Instance().Add(kCounterVanished, settler_->Vanished() - vanishedBefore);
+        Framework::Counters::Instance().Add(kCounterVanished,
+                                            settler_->Vanished() - vanishedBefore);
     }
     DeliverAll(ready);
     if (nowMs - lastFlushMs_ >= kStaleEventMs / 2) {

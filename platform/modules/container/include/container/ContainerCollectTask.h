@@ -67,9 +67,9 @@ private:
     std::unique_ptr<DockerApiClient> api_;
     std::unique_ptr<DockerEventStream> stream_;
     std::atomic<bool> resyncRequested_{false};
-    uint64_t resyncRetryAtMs_ = 0;  // 0: no retry pending
-    std::set<std::string> subscribers_;                    // task names
-    std::map<std::string, ContainerInfo> running_;         // id -> what subscribers were told
+    uint64_t resyncRetryAtMs_ = 0;                  // 0: no retry pending
+    std::set<std::string> subscribers_;             // task names
+    std::map<std::string, ContainerInfo> running_;  // id -> what subscribers were told
     // Notifications held while the agent's start-up gate is closed, in order (task thread).
     std::vector<std::pair<std::string, std::shared_ptr<ContainerInfo>>> deferred_;
 };

@@ -39,8 +39,7 @@ bool ParseContainerInspect(const std::string& text, ContainerInfo& info, int& pi
 
 /// Reads the ids of a /containers/json answer. All or nothing: an element without a valid
 /// "Id" refuses the whole list (a partial list would look like vanished containers).
-bool ParseContainerList(const std::string& text, std::vector<std::string>& ids,
-                        std::string& error);
+bool ParseContainerList(const std::string& text, std::vector<std::string>& ids, std::string& error);
 
 /// Classifies one line of the /events stream; `error` says why on kMalformed.
 EventLineResult ParseContainerEvent(const std::string& line, ContainerEvent& event,

@@ -47,6 +47,25 @@ public:
         return taken;
     }
 
+    /// Removes every waiting item for which `drop` is true; returns how many went.
+    std::size_t EraseIf(const std::function<bool(const Source&, const Item&)>& drop) {
+        std::size_t erased = 0;
+        for (auto it = queues_.begin(); it != queues_.end();) {
+            auto& queue = it->second;
+            for (auto item = queue.begin(); item != queue.end();) {
+                if (!drop(it->first, *item)) {
+                    ++item;
+                    continue;
+                }
+                item = queue.erase(item);
+                ++erased;
+            }
+            it = queue.empty() ? queues_.erase(it) : std::next(it);
+        }
+        size_ -= erased;
+        return erased;
+    }
+
     std::size_t Size() const { return size_; }
     bool Full() const { return size_ >= totalLimit_; }
     bool Empty() const { return size_ == 0; }

@@ -20,10 +20,11 @@ namespace Engine {
 /// Events wait in a fair queue, one line per (requester, extra parameter), that is per
 /// container, and go out round-robin while the requester has fewer than kHighWater messages
 /// waiting and no task's queue is more than half full (the requester's alarms go on to the
-/// reporting task, whose queue must not overflow either): a container writing its protected file as fast as it can neither fills the
-/// requester's queue nor puts another container's events behind its own. When the fair queue
-/// is full the task stops reading inotify, so further events wait in the kernel (an overflow
-/// there is resynchronised and counted); a container beyond its share loses events, counted.
+/// reporting task, whose queue must not overflow either): a container writing its protected file as
+/// fast as it can neither fills the requester's queue nor puts another container's events behind
+/// its own. When the fair queue is full the task stops reading inotify, so further events wait in
+/// the kernel (an overflow there is resynchronised and counted); a container beyond its share loses
+/// events, counted.
 ///
 /// Init (control thread) opens the inotify instance and adds it to the task's event waiter;
 /// everything else runs on the task thread. UnInit closes the instance, which drops every
@@ -42,7 +43,7 @@ public:
     int Receive(const FileNotifyWatchMessage& msg) override;
 
     /// Messages of this task a requester may have waiting before it holds back.
-    static constexpr long kHighWater = 128;
+    static constexpr long kHighWater = 32;
 
 private:
     using Source = std::pair<std::string, uint64_t>;  // (requester, extra parameter)

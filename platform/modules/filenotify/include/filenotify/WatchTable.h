@@ -120,8 +120,8 @@ private:
         bool parentDeletion = false;
     };
     struct Arming {
-        bool before = false;  // path was watched as a file before
-        bool after = false;   // path is watched as a file now
+        bool before = false;    // path was watched as a file before
+        bool after = false;     // path is watched as a file now
         bool replaced = false;  // a different file than before
     };
 
@@ -145,7 +145,7 @@ private:
 
     int fd_ = -1;
     std::vector<char> buffer_;
-    std::map<std::string, Node> nodes_;               // by watched path
+    std::map<std::string, Node> nodes_;                // by watched path
     std::map<int, std::multiset<std::string>> users_;  // kernel watch -> paths using it
     WatchScope::Cache scopes_;
     uint64_t retryAtMs_ = 0;  // 0: no retry due

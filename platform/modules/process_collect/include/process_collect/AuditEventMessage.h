@@ -19,8 +19,8 @@ public:
     /// receiver to a host file.
     int MessageHandle(void* task) override;
 
-    std::string key;                          ///< the rule's key (e.g. "cid:<id>")
-    std::shared_ptr<AuditLogSyscall> syscall; ///< always present
+    std::string key;                           ///< the rule's key (e.g. "cid:<id>")
+    std::shared_ptr<AuditLogSyscall> syscall;  ///< always present
     std::string root;  ///< the watched root the paths lie in (host path), or empty
 };
 

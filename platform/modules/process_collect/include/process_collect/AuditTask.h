@@ -14,8 +14,8 @@
 #include "process_collect/AuditFileSystemCtrlMessage.h"
 #include "process_collect/AuditRuleClient.h"
 #include "process_collect/AuditRuleLedger.h"
-#include "process_collect/CloseWriteWatcher.h"
 #include "process_collect/AuditUnsubscribeMessage.h"
+#include "process_collect/CloseWriteWatcher.h"
 #include "process_collect/EventSettler.h"
 #include "sdk/ContainerRoot.h"
 
@@ -62,7 +62,7 @@ private:
         AuditWatchRule rule;
         std::string subscriber;  // task name: the task may go away, its name stays safe to use
         std::shared_ptr<SDK::ContainerRoot> root;  // the watched directory, for path lookups
-        bool closeMarked = false;  // its file system is under the close-write watch
+        bool closeMarked = false;                  // its file system is under the close-write watch
     };
 
     void SetUpAudit();

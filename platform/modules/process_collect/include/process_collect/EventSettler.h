@@ -87,7 +87,7 @@ private:
     std::size_t maxHeld_;
     StatFn stat_;
     std::map<Key, Entry> held_;
-    std::map<FileId, RecentClose> closes_;  // recent closes, bounded
+    std::map<FileId, RecentClose> closes_;                // recent closes, bounded
     std::deque<std::pair<FileId, uint64_t>> closeOrder_;  // (file, ms) oldest first
     uint64_t overflows_ = 0;
     uint64_t vanished_ = 0;
