@@ -5,7 +5,10 @@ set -uo pipefail
 cd "$(dirname "$0")/.."
 [ "$(id -u)" -eq 0 ] || { echo "e2e: needs root" >&2; exit 1; }
 
-cmake --install build >/dev/null || { echo "e2e: install failed" >&2; exit 1; }
+# E2E_BUILD_DIR: the build tree to install and test (a sanitizer build, say); SANITIZER_LOG_DIR:
+# where that build's sanitizers write their reports (any report fails the run).
+BUILD_DIR=${E2E_BUILD_DIR:-build}
+cmake --install "$BUILD_DIR" >/dev/null || { echo "e2e: install of $BUILD_DIR failed" >&2; exit 1; }
 bash scripts/dockerd.sh start || exit 1
 bash scripts/dockerd.sh image || exit 1
 bash scripts/debian-image.sh image || exit 1
@@ -62,6 +65,11 @@ for name in $E2E_CASES; do run_case "$name"; done
 
 if [ "$(audit_cid_rules)" -ne 0 ]; then
   echo "e2e: cid: audit rules left behind:"; auditctl -l | grep "cid:"
+  FAILED=$((FAILED + 1))
+fi
+if [ -n "${SANITIZER_LOG_DIR:-}" ] && compgen -G "$SANITIZER_LOG_DIR/*" >/dev/null; then
+  echo "e2e: sanitizer reports:"
+  head -n 60 "$SANITIZER_LOG_DIR"/* | sed 's/^/   /'
   FAILED=$((FAILED + 1))
 fi
 [ "$FAILED" -eq 0 ] && rm -rf "$E2E_ROOT" || echo "failed cases: ${FAILED_NAMES[*]} (logs in $E2E_ROOT)"

@@ -1,6 +1,7 @@
 #!/usr/bin/env bash
 # Runs every test from a fresh clone: installs packages, builds, runs unit and integration
-# tests, the queue stress test under ThreadSanitizer, and (as root) the end-to-end suite.
+# tests, the thread-heavy tests under ThreadSanitizer, and (as root) the end-to-end suite, once
+# against the ordinary build and once against an AddressSanitizer+UBSan build of the agent.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 ROOT=$(pwd)
@@ -34,6 +35,19 @@ cmake --build build-tsan -j"$(nproc)" --target "${TSAN_TARGETS[@]}"
 if [ "$(id -u)" -eq 0 ] && [ -x scripts/e2e.sh ]; then
   echo "== end-to-end tests (installed agent, real dockerd)"
   bash scripts/e2e.sh
+  echo "== end-to-end tests against an AddressSanitizer and UndefinedBehaviorSanitizer build"
+  cmake -S . -B build-asan -DCMAKE_BUILD_TYPE=RelWithDebInfo -DTARNWICK_ASAN=ON \
+    -DTARNWICK_TESTS=OFF -DTARNWICK_BENCH=OFF >/dev/null
+  cmake --build build-asan -j"$(nproc)"
+  SANITIZER_LOG_DIR=$(mktemp -d /tmp/tarnwick-sanitizer.XXXXXX)
+  # Leaks are not checked: the agent's singletons live until exit by design.
+  SANITIZER_LOG_DIR=$SANITIZER_LOG_DIR E2E_BUILD_DIR=build-asan STORM_MAX_MS=1000 \
+    ASAN_OPTIONS="detect_leaks=0:log_path=$SANITIZER_LOG_DIR/asan" \
+    UBSAN_OPTIONS="print_stacktrace=1:log_path=$SANITIZER_LOG_DIR/ubsan" \
+    bash scripts/e2e.sh
+  rm -rf "$SANITIZER_LOG_DIR"
+  # Leave the ordinary build installed.
+  cmake --install build >/dev/null
 else
   echo "== end-to-end tests skipped: they need root"
 fi

@@ -51,5 +51,8 @@ case_storm_and_neighbour() {
   agent_stop
   echo "   storm: $(alarms_matching "$(ALARMS)" ".container_name == \"$a\"") alarms; $(grep -ho 'Status: .*' "$WORK"/agent.log* | tail -n 1)"
   [ "$missed" -eq 0 ] || fail "neighbour's alarms missed"
-  [ "$(awk '$1 > 100' "$WORK/latencies" | wc -l)" -eq 0 ] || fail "neighbour's alarms delayed past 100 ms"
+  # STORM_MAX_MS: a sanitizer build is several times slower; it runs this case for memory
+  # safety under load, not for speed.
+  [ "$(awk -v max="${STORM_MAX_MS:-100}" '$1 > max' "$WORK/latencies" | wc -l)" -eq 0 ] ||
+    fail "neighbour's alarms delayed past ${STORM_MAX_MS:-100} ms"
 }
