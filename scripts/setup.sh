@@ -9,7 +9,7 @@ PACKAGES=(
   libgtest-dev libgmock-dev googletest libbenchmark-dev
   auditd docker.io busybox-static debootstrap
   dpdk-dev librte-ring23 libconcurrentqueue-dev libboost-dev
-  procps util-linux jq
+  procps util-linux jq clang-format
   rsyslog nginx openssl
 )
 

@@ -7,6 +7,8 @@ cd "$(dirname "$0")/.."
 ROOT=$(pwd)
 
 bash scripts/setup.sh
+echo "== format"
+bash scripts/format-check.sh
 bash scripts/build.sh -DTARNWICK_BENCH=ON
 
 if [ "$(id -u)" -eq 0 ]; then

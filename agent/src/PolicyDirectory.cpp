@@ -43,8 +43,8 @@ std::vector<PolicyDirectory::Change> PolicyDirectory::Scan(std::vector<Problem>&
         struct stat st;
         if (stat(file.second.c_str(), &st) != 0 || !S_ISREG(st.st_mode)) continue;
         Seen& seen = seen_[file.first];
-        const int64_t mtime = static_cast<int64_t>(st.st_mtim.tv_sec) * 1000000000 +
-                              st.st_mtim.tv_nsec;
+        const int64_t mtime =
+            static_cast<int64_t>(st.st_mtim.tv_sec) * 1000000000 + st.st_mtim.tv_nsec;
         if (seen.mtimeNs == mtime && seen.size == st.st_size) continue;
         seen.mtimeNs = mtime;
         seen.size = st.st_size;

@@ -1,6 +1,6 @@
-#include <iostream>
-
 #include <Poco/Exception.h>
+
+#include <iostream>
 
 #include "agent/AgentApplication.h"
 
@@ -9,7 +9,8 @@ int main(int argc, char** argv) {
     try {
         const int rc = app->run(argc, argv);
         // Poco reports option errors as EXIT_CONFIG; the agent's contract is 2.
-        return rc == Poco::Util::Application::EXIT_CONFIG ? Agent::AgentApplication::kExitConfig : rc;
+        return rc == Poco::Util::Application::EXIT_CONFIG ? Agent::AgentApplication::kExitConfig
+                                                          : rc;
     } catch (const Poco::Exception& e) {
         std::cerr << "tarnwick-agent: " << e.displayText() << std::endl;
         return Agent::AgentApplication::kExitConfig;

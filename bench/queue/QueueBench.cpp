@@ -1,6 +1,7 @@
 // Throughput of the agent's lock-free queue against its peers, all in one run: producers and
 // consumers move a fixed number of items per iteration in batches of 1, 8, 32 or 128.
 //   Args: {batch size, producers (= consumers)}
+#include <benchmark/benchmark.h>
 #include <immintrin.h>
 #include <pthread.h>
 #include <sched.h>
@@ -13,8 +14,6 @@
 #include <mutex>
 #include <thread>
 #include <vector>
-
-#include <benchmark/benchmark.h>
 
 #include "framework/Message.h"
 #include "sdk/LocklessQueue.h"
@@ -85,8 +84,7 @@ public:
     using Item = void*;
     Moodycamel() : queue_(kCapacity) {}
     int Push(const std::vector<void*>& items) {
-        return queue_.enqueue_bulk(items.data(), items.size()) ? static_cast<int>(items.size())
-                                                               : 0;
+        return queue_.enqueue_bulk(items.data(), items.size()) ? static_cast<int>(items.size()) : 0;
     }
     int Pop(std::vector<void*>& out, int n) {
         out.resize(static_cast<size_t>(n));

@@ -1,10 +1,10 @@
 #pragma once
 
+#include <Poco/Util/ServerApplication.h>
+
 #include <atomic>
 #include <map>
 #include <string>
-
-#include <Poco/Util/ServerApplication.h>
 
 namespace Agent {
 

@@ -16,8 +16,8 @@ namespace Agent {
 class ModuleLoader {
 public:
     struct Loaded {
-        std::string file;                  ///< path of the library
-        void* handle = nullptr;            ///< dlopen handle (never closed: code may still run)
+        std::string file;        ///< path of the library
+        void* handle = nullptr;  ///< dlopen handle (never closed: code may still run)
         Framework::Module* module = nullptr;
         bool initialised = false;
     };

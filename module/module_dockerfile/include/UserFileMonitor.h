@@ -1,8 +1,8 @@
 #pragma once
 
-#include <string>
-
 #include <json/json.h>
+
+#include <string>
 
 #include "DockerFileTask.h"
 #include "container/ContainerInfo.h"

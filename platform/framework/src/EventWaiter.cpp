@@ -14,7 +14,7 @@ EventWaiter::EventWaiter() {
     epollFd_ = epoll_create1(EPOLL_CLOEXEC);
     eventFd_ = eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC);
     if (epollFd_ >= 0 && eventFd_ >= 0) {
-        struct epoll_event ev{};
+        struct epoll_event ev {};
         ev.events = EPOLLIN;
         ev.data.fd = eventFd_;
         epoll_ctl(epollFd_, EPOLL_CTL_ADD, eventFd_, &ev);
@@ -28,7 +28,7 @@ EventWaiter::~EventWaiter() {
 
 bool EventWaiter::AddFd(int fd, Handler handler, uint32_t events) {
     if (!IsValid() || fd < 0 || fd == eventFd_) return false;
-    struct epoll_event ev{};
+    struct epoll_event ev {};
     ev.events = events;
     ev.data.fd = fd;
     const int op = handlers_.count(fd) ? EPOLL_CTL_MOD : EPOLL_CTL_ADD;

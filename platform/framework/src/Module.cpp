@@ -41,8 +41,8 @@ int Module::RegisterTask(Task* task, bool detached) {
     {
         std::lock_guard<std::mutex> lock(mutex_);
         if (tasks_.count(taskName) != 0 || !TaskRegistry::Instance().Register(taskName, task)) {
-            TW_LOG(FrameworkLogger(), PRIO_ERROR, "Module %s: task name %s is already taken",
-                   name_, taskName);
+            TW_LOG(FrameworkLogger(), PRIO_ERROR, "Module %s: task name %s is already taken", name_,
+                   taskName);
             task->release();
             return -1;
         }
@@ -118,8 +118,7 @@ int Module::RefreshPolicy(const std::string& key, const std::string& feature,
     std::lock_guard<std::mutex> lock(mutex_);
     auto cb = callbacks_.find(key);
     if (cb == callbacks_.end()) {
-        TW_LOG(FrameworkLogger(), PRIO_WARNING, "Module %s: no policy hook for key %s", name_,
-               key);
+        TW_LOG(FrameworkLogger(), PRIO_WARNING, "Module %s: no policy hook for key %s", name_, key);
         return -1;
     }
     // Only the policy this module keeps for the key may be marked outdated: a stale pointer
@@ -130,8 +129,8 @@ int Module::RefreshPolicy(const std::string& key, const std::string& feature,
     try {
         fresh.reset(cb->second->invoke(feature, document, current));
     } catch (const std::exception& e) {
-        TW_LOG(FrameworkLogger(), PRIO_ERROR, "Module %s: policy hook for key %s failed: %s",
-               name_, key, std::string(e.what()));
+        TW_LOG(FrameworkLogger(), PRIO_ERROR, "Module %s: policy hook for key %s failed: %s", name_,
+               key, std::string(e.what()));
         return -1;
     }
     if (!fresh) return -1;

@@ -1,8 +1,8 @@
 #include "sdk/ConfigUtils.h"
 
-#include <mutex>
-
 #include <Poco/NumberParser.h>
+
+#include <mutex>
 
 namespace SDK {
 

@@ -47,8 +47,8 @@ void InnerCpuCtrlUtils::AdjustThreadCpu(const char* file, int line, const char* 
     const uint64_t elapsed = tLastAdjustWallMs == 0 ? usedTick : nowWall - tLastAdjustWallMs;
     const uint64_t sleepMs = ComputeSleepMs(usedTick, elapsed, gLimitPercent.load());
     if (sleepMs > 0) {
-        SDK::LogRecord(LoggerUtils::GetInstance()->GetRootLogger(), Poco::Message::PRIO_TRACE,
-                       file, line, "CPU limiter: task %s used %lu ms, sleeps %lu ms",
+        SDK::LogRecord(LoggerUtils::GetInstance()->GetRootLogger(), Poco::Message::PRIO_TRACE, file,
+                       line, "CPU limiter: task %s used %lu ms, sleeps %lu ms",
                        std::string(taskName ? taskName : ""), usedTick,
                        static_cast<unsigned long>(sleepMs));
         std::this_thread::sleep_for(std::chrono::milliseconds(sleepMs));

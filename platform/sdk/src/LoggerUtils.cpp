@@ -1,13 +1,13 @@
 #include "sdk/LoggerUtils.h"
 
-#include <cstdlib>
-#include <mutex>
-#include <vector>
-
 #include <Poco/Channel.h>
 #include <Poco/Logger.h>
 #include <Poco/NumberParser.h>
 #include <Poco/String.h>
+
+#include <cstdlib>
+#include <mutex>
+#include <vector>
 
 namespace SDK {
 
@@ -33,8 +33,8 @@ void LoggerUtils::Configure(Poco::Channel* channel, int level) {
 
 int LoggerUtils::ParseLevel(const std::string& text) {
     const std::string t = Poco::toLower(Poco::trim(text));
-    static const char* const kNames[] = {"", "fatal", "critical", "error", "warning",
-                                         "notice", "information", "debug", "trace"};
+    static const char* const kNames[] = {"",       "fatal",       "critical", "error", "warning",
+                                         "notice", "information", "debug",    "trace"};
     for (int i = 1; i <= 8; ++i) {
         if (t == kNames[i]) return i;
     }

@@ -78,7 +78,7 @@ public:
                 n = requested < freeSlots ? requested : freeSlots;
                 if (n == 0) return 0;
             } while (!prodHead_.compare_exchange_weak(head, head + n, std::memory_order_acq_rel,
-                                                       std::memory_order_relaxed));
+                                                      std::memory_order_relaxed));
         } else {
             head = prodHead_.load(std::memory_order_relaxed);
             const uint32_t freeSlots = capacity_ + consTail_.load(std::memory_order_acquire) - head;
@@ -117,7 +117,7 @@ public:
                 if (n == 0) return 0;
                 MakeRoom(out, n);
             } while (!consHead_.compare_exchange_weak(head, head + n, std::memory_order_acq_rel,
-                                                       std::memory_order_relaxed));
+                                                      std::memory_order_relaxed));
         } else {
             head = consHead_.load(std::memory_order_relaxed);
             const uint32_t available = prodTail_.load(std::memory_order_acquire) - head;
@@ -225,10 +225,17 @@ private:
             step(i + 3);
         }
         switch (n - i) {
-            case 3: step(i + 2); [[fallthrough]];
-            case 2: step(i + 1); [[fallthrough]];
-            case 1: step(i); break;
-            default: break;
+            case 3:
+                step(i + 2);
+                [[fallthrough]];
+            case 2:
+                step(i + 1);
+                [[fallthrough]];
+            case 1:
+                step(i);
+                break;
+            default:
+                break;
         }
     }
 

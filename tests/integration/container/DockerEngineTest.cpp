@@ -1,12 +1,11 @@
 // The loaded module against the real Docker engine (root, dockerd running, image imported by
 // scripts/dockerd.sh): real containers start and die, and a late subscriber is told of them.
+#include <gtest/gtest.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <string>
 #include <vector>
-
-#include <gtest/gtest.h>
 
 #include "ContainerFeedFixture.h"
 #include "container/DockerApiClient.h"
@@ -95,7 +94,8 @@ TEST_F(FeedAgainstDocker, ContainersRunningBeforeTheAgentAreReplayed) {
     EXPECT_TRUE(IsDirectory(replayed.rootPath));
 
     ASSERT_FALSE(Shell("docker rm -f " + id).empty());
-    ASSERT_TRUE(WaitFor([&] { return first->Count(id, false) == 1 && late->Count(id, false) == 1; }));
+    ASSERT_TRUE(
+        WaitFor([&] { return first->Count(id, false) == 1 && late->Count(id, false) == 1; }));
     EXPECT_EQ(first->Count(id, true), 1u);
     EXPECT_EQ(late->Count(id, true), 1u);
 }

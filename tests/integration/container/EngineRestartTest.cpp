@@ -1,14 +1,13 @@
 // A private Docker engine of the test's own (own socket, data and exec roots, bridge, live
 // restore) is stopped and started again under the loaded module: the module reconnects and
 // settles the difference between what it announced and what runs now.
+#include <gtest/gtest.h>
 #include <signal.h>
 #include <stdlib.h>
 #include <unistd.h>
 
 #include <string>
 #include <vector>
-
-#include <gtest/gtest.h>
 
 #include "ContainerFeedFixture.h"
 
@@ -50,11 +49,12 @@ protected:
         if (!bridge_.empty()) Shell("ip link del " + bridge_);
     }
     bool Engine(const std::string& verb) {
-        const std::string env =
-            "DOCKER_SOCKET=" + socket_ + " DOCKERD_STATE=" + dir_ + "/dockerd.pid DOCKERD_LOG=" +
-            dir_ + "/dockerd.log DOCKERD_LOCK=" + dir_ + "/lock DOCKERD_ARGS='--data-root " +
-            dir_ + "/data --exec-root " + dir_ + "/exec --pidfile " + dir_ +
-            "/docker.pid --bridge " + bridge_ + " --iptables=false --ip-masq=false --live-restore'";
+        const std::string env = "DOCKER_SOCKET=" + socket_ + " DOCKERD_STATE=" + dir_ +
+                                "/dockerd.pid DOCKERD_LOG=" + dir_ +
+                                "/dockerd.log DOCKERD_LOCK=" + dir_ +
+                                "/lock DOCKERD_ARGS='--data-root " + dir_ + "/data --exec-root " +
+                                dir_ + "/exec --pidfile " + dir_ + "/docker.pid --bridge " +
+                                bridge_ + " --iptables=false --ip-masq=false --live-restore'";
         return !Shell(env + " bash " + TARNWICK_SOURCE_DIR "/scripts/dockerd.sh " + verb +
                       " 2>&1 && echo ok")
                     .empty();
@@ -63,7 +63,8 @@ protected:
         return Shell("docker -H unix://" + socket_ + " " + args + " 2>/dev/null");
     }
     std::string Run() {
-        const std::string id = Docker(std::string("run -d --network none ") + kImage + " sleep 300");
+        const std::string id =
+            Docker(std::string("run -d --network none ") + kImage + " sleep 300");
         if (!id.empty()) containers_.push_back(id);
         return id;
     }
@@ -82,9 +83,8 @@ TEST_F(FeedAcrossEngineRestart, ContainerThatDiedWhileTheEngineWasAwayGetsItsExi
     const std::string survivor = Run();
     ASSERT_EQ(doomed.size(), 64u);
     ASSERT_EQ(survivor.size(), 64u);
-    ASSERT_TRUE(WaitFor([&] {
-        return rec->Count(doomed, true) == 1 && rec->Count(survivor, true) == 1;
-    }));
+    ASSERT_TRUE(
+        WaitFor([&] { return rec->Count(doomed, true) == 1 && rec->Count(survivor, true) == 1; }));
     const int pid = std::atoi(Docker("inspect -f '{{.State.Pid}}' " + doomed).c_str());
     ASSERT_GT(pid, 1);
 

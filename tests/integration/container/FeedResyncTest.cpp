@@ -1,11 +1,11 @@
 // The loaded module against a stand-in engine whose event stream the test can drop at will:
 // resynchronisation after the engine comes back, and answers that must be skipped.
+#include <gtest/gtest.h>
+
 #include <map>
 #include <mutex>
 #include <set>
 #include <string>
-
-#include <gtest/gtest.h>
 
 #include "ContainerFeedFixture.h"
 #include "FakeEngine.h"
@@ -46,8 +46,8 @@ public:
             return FakeEngine::ChunkedAnswer(list + "]", 7);
         }
         const std::string prefix = "/containers/";
-        const std::string id = path.substr(prefix.size(), path.find('/', prefix.size()) -
-                                                              prefix.size());
+        const std::string id =
+            path.substr(prefix.size(), path.find('/', prefix.size()) - prefix.size());
         if (id == kBroken) {
             return FakeEngine::Answer(200, R"({"Id":")" + id + R"(","State":{"Runn)");
         }

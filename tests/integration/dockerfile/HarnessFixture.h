@@ -6,8 +6,8 @@
 #include <vector>
 
 #include "ModuleHarness.h"
-#include "framework/DataMessage.h"
 #include "filenotify/FileNotifyWatchMessage.h"
+#include "framework/DataMessage.h"
 #include "process_collect/AuditFileSystemCtrlMessage.h"
 
 namespace DockerFileHarness {

@@ -1,6 +1,7 @@
 #include <dirent.h>
 #include <dlfcn.h>
 #include <fcntl.h>
+#include <gtest/gtest.h>
 #include <sys/inotify.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -12,8 +13,6 @@
 #include <mutex>
 #include <string>
 #include <vector>
-
-#include <gtest/gtest.h>
 
 #include "engine/AbstractMessageReceiver.h"
 #include "filenotify/FileNotifyMessage.h"
@@ -41,8 +40,8 @@ struct Event {
 class RecordingTask : public Framework::Task, public Engine::AbstractMessageReceiver {
 public:
     explicit RecordingTask(const std::string& name)
-        : Framework::Task(name, "test_feature", Framework::TaskCondition::TASK_TYPE_MESSAGE,
-                          4096) {}
+        : Framework::Task(name, "test_feature", Framework::TaskCondition::TASK_TYPE_MESSAGE, 4096) {
+    }
 
     int FileNotifyMessageAction(FileNotifyMessage* msg) override {
         {

@@ -1,3 +1,4 @@
+#include <gtest/gtest.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -5,8 +6,6 @@
 #include <array>
 #include <cstdio>
 #include <string>
-
-#include <gtest/gtest.h>
 
 namespace {
 
@@ -22,7 +21,8 @@ Result RunAgent(const std::string& args) {
     if (pipe == nullptr) return result;
     std::array<char, 4096> buffer;
     size_t n;
-    while ((n = fread(buffer.data(), 1, buffer.size(), pipe)) > 0) result.output.append(buffer.data(), n);
+    while ((n = fread(buffer.data(), 1, buffer.size(), pipe)) > 0)
+        result.output.append(buffer.data(), n);
     const int status = pclose(pipe);
     if (WIFEXITED(status)) result.exitCode = WEXITSTATUS(status);
     return result;
@@ -44,9 +44,12 @@ TEST(AgentCommandLine, BadConfigurationExitsTwoWithOneLine) {
         std::string says;
     } cases[] = {
         {"--no-such-option", "no-such-option"},
-        {isolated + "--module-dir /nonexistent/modules --policy-dir /tmp", "module directory /nonexistent/modules does not exist"},
-        {isolated + "--module-dir /tmp --policy-dir /nonexistent/policies", "policy directory /nonexistent/policies does not exist"},
-        {isolated + "--module-dir /tmp --policy-dir /tmp --log-level loud", "unknown log level 'loud'"},
+        {isolated + "--module-dir /nonexistent/modules --policy-dir /tmp",
+         "module directory /nonexistent/modules does not exist"},
+        {isolated + "--module-dir /tmp --policy-dir /nonexistent/policies",
+         "policy directory /nonexistent/policies does not exist"},
+        {isolated + "--module-dir /tmp --policy-dir /tmp --log-level loud",
+         "unknown log level 'loud'"},
         {isolated + "--module-dir /tmp --policy-dir /tmp --cpu-limit 250", "cpu.limit_percent"},
         {"--config /nonexistent/agent.properties --log -", "cannot read settings file"},
     };

@@ -1,3 +1,4 @@
+#include <gtest/gtest.h>
 #include <unistd.h>
 
 #include <cstdlib>
@@ -5,8 +6,6 @@
 #include <sstream>
 #include <string>
 #include <vector>
-
-#include <gtest/gtest.h>
 
 #include "agent/ModuleLoader.h"
 #include "framework/Module.h"
@@ -40,13 +39,12 @@ protected:
 };
 
 TEST_F(ModuleLoaderTest, ListsServicesFirstInTheirOrderThenFeatureModulesByName) {
-    const std::vector<std::string> files =
-        Agent::ModuleLoader::ListModuleFiles(TEST_MODULE_DIR);
+    const std::vector<std::string> files = Agent::ModuleLoader::ListModuleFiles(TEST_MODULE_DIR);
     std::vector<std::string> names;
     for (const auto& f : files) names.push_back(Base(f));
     const std::vector<std::string> expected = {"libdata_comm_module.so", "libcontainer_module.so",
-                                               "libalpha_feature_module.so",
-                                               "libnoentry_module.so", "libnull_module.so"};
+                                               "libalpha_feature_module.so", "libnoentry_module.so",
+                                               "libnull_module.so"};
     EXPECT_EQ(names, expected);
 }
 
@@ -74,16 +72,17 @@ TEST_F(ModuleLoaderTest, InitsInLoadOrderAndUnInitsInReverse) {
         loader.UnInitAll();
         EXPECT_TRUE(loader.Modules().empty());
     }
-    const std::vector<std::string> expected = {
-        "data_comm:init",   "container:init",   "alpha_feature:init",
-        "alpha_feature:uninit", "container:uninit", "data_comm:uninit"};
+    const std::vector<std::string> expected = {"data_comm:init",     "container:init",
+                                               "alpha_feature:init", "alpha_feature:uninit",
+                                               "container:uninit",   "data_comm:uninit"};
     EXPECT_EQ(Events(), expected);
 }
 
 TEST_F(ModuleLoaderTest, PolicyForAKeyNobodyRegisteredIsTakenByNoModule) {
     Agent::ModuleLoader loader;
     std::string error;
-    ASSERT_TRUE(loader.LoadOne(std::string(TEST_MODULE_DIR) + "/libalpha_feature_module.so", error));
+    ASSERT_TRUE(
+        loader.LoadOne(std::string(TEST_MODULE_DIR) + "/libalpha_feature_module.so", error));
     loader.InitAll();
     EXPECT_EQ(loader.DeliverPolicy("10001", "dockerfile_feature", "{}"), 0);
 }

@@ -1,8 +1,8 @@
 // DockerApiClient against a stand-in server: chunked and plain bodies, answers that break off
 // or exceed the bound, and an engine that is not there.
-#include <string>
-
 #include <gtest/gtest.h>
+
+#include <string>
 
 #include "FakeEngine.h"
 #include "container/DockerApiClient.h"
@@ -35,17 +35,15 @@ TEST_F(ApiAnswers, ContentLengthBodyAndErrorStatusAreReturned) {
     std::string error;
     EXPECT_EQ(Get(FakeEngine::Answer(200, kBody), 1024, body, error), 200) << error;
     EXPECT_EQ(body, kBody);
-    EXPECT_EQ(Get(FakeEngine::Answer(404, R"({"message":"No such container"})"), 1024, body,
-                  error),
+    EXPECT_EQ(Get(FakeEngine::Answer(404, R"({"message":"No such container"})"), 1024, body, error),
               404);
 }
 
 TEST_F(ApiAnswers, AnswerOverTheBoundIsRefused) {
     std::string body = "untouched";
     std::string error;
-    EXPECT_EQ(Get(FakeEngine::ChunkedAnswer(std::string(5000, ' ') + kBody, 100), 4096, body,
-                  error),
-              -1);
+    EXPECT_EQ(
+        Get(FakeEngine::ChunkedAnswer(std::string(5000, ' ') + kBody, 100), 4096, body, error), -1);
     EXPECT_NE(error.find("larger"), std::string::npos) << error;
     EXPECT_EQ(body, "untouched");
 }

@@ -125,8 +125,9 @@ std::string FakeEngine::Answer(int status, const std::string& body) {
 }
 
 std::string FakeEngine::ChunkedAnswer(const std::string& body, size_t chunkSize) {
-    std::string out = "HTTP/1.1 200 OK\r\nContent-Type: application/json\r\n"
-                      "Transfer-Encoding: chunked\r\n\r\n";
+    std::string out =
+        "HTTP/1.1 200 OK\r\nContent-Type: application/json\r\n"
+        "Transfer-Encoding: chunked\r\n\r\n";
     for (size_t i = 0; i < body.size(); i += chunkSize) out += Chunk(body.substr(i, chunkSize));
     return out + "0\r\n\r\n";
 }

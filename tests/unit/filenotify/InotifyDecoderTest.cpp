@@ -1,12 +1,11 @@
 #include <fcntl.h>
+#include <gtest/gtest.h>
 #include <sys/inotify.h>
 #include <unistd.h>
 
 #include <cstring>
 #include <string>
 #include <vector>
-
-#include <gtest/gtest.h>
 
 #include "filenotify/InotifyDecoder.h"
 
@@ -16,8 +15,7 @@ using Engine::DecodeInotifyEvents;
 using Engine::InotifyRecord;
 
 // One record as the kernel lays it out: header, then the name padded with NULs to `len`.
-std::string Record(int wd, uint32_t mask, uint32_t cookie, const std::string& name,
-                   uint32_t len) {
+std::string Record(int wd, uint32_t mask, uint32_t cookie, const std::string& name, uint32_t len) {
     struct inotify_event event;
     std::memset(&event, 0, sizeof(event));
     event.wd = wd;
@@ -26,7 +24,8 @@ std::string Record(int wd, uint32_t mask, uint32_t cookie, const std::string& na
     event.len = len;
     std::string bytes(reinterpret_cast<const char*>(&event), sizeof(event));
     bytes += name;
-    if (len > name.size() && len < 4096) bytes.append(len - name.size(), '\0');  // no padding for absurd lengths
+    if (len > name.size() && len < 4096)
+        bytes.append(len - name.size(), '\0');  // no padding for absurd lengths
     return bytes;
 }
 
@@ -41,10 +40,9 @@ TEST(InotifyDecoderWholeBuffers, EmptyBufferGivesNothing) {
 }
 
 TEST(InotifyDecoderWholeBuffers, RecordsKeepOrderFieldsAndUnpaddedNames) {
-    const std::string bytes = Record(3, IN_MODIFY, 0, "", 0) +
-                              Record(1, IN_MOVED_FROM, 77, "passwd", 16) +
-                              Record(1, IN_MOVED_TO | IN_ISDIR, 77, "a", 4) +
-                              Record(-1, IN_Q_OVERFLOW, 0, "", 0);
+    const std::string bytes =
+        Record(3, IN_MODIFY, 0, "", 0) + Record(1, IN_MOVED_FROM, 77, "passwd", 16) +
+        Record(1, IN_MOVED_TO | IN_ISDIR, 77, "a", 4) + Record(-1, IN_Q_OVERFLOW, 0, "", 0);
     std::size_t consumed = 0;
     const auto records = Decode(bytes, &consumed);
     ASSERT_EQ(records.size(), 4u);

@@ -1,8 +1,8 @@
 // Policy documents through Module::RefreshPolicy: the hook gets the policy in force, the new
 // policy reaches the tasks it names, and a policy naming no task leaves them alone.
-#include <string>
-
 #include <gtest/gtest.h>
+
+#include <string>
 
 #include "framework/FeaturePolicy.h"
 #include "framework/Module.h"

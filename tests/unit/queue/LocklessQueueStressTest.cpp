@@ -1,12 +1,12 @@
 // Four producers and four consumers move a million messages through one queue: each message
 // is delivered exactly once, each producer's messages keep their order, and the queue keeps
 // none alive once taken. Also built and run under ThreadSanitizer.
+#include <gtest/gtest.h>
+
 #include <atomic>
 #include <memory>
 #include <thread>
 #include <vector>
-
-#include <gtest/gtest.h>
 
 #include "framework/Message.h"
 #include "sdk/LocklessQueue.h"

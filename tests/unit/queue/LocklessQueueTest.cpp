@@ -1,7 +1,7 @@
+#include <gtest/gtest.h>
+
 #include <memory>
 #include <vector>
-
-#include <gtest/gtest.h>
 
 #include "sdk/LocklessQueue.h"
 

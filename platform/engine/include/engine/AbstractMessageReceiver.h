@@ -18,9 +18,8 @@ public:
     virtual int FileNotifyMessageAction(FileNotifyMessage* msg) { return 0; }
     virtual void ProcsMessageAction(int type, unsigned int count,
                                     std::shared_ptr<ProcsMessage::procInfo> info) {}
-    virtual void AssetMessageAction(unsigned int type,
-                                    const std::map<int, std::shared_ptr<AssetMessage::assetInfo>>&
-                                        assets) {}
+    virtual void AssetMessageAction(
+        unsigned int type, const std::map<int, std::shared_ptr<AssetMessage::assetInfo>>& assets) {}
     virtual void FtraceMessageAction(const FtraceMessage* msg) {}
     virtual ~AbstractMessageReceiver() = default;
 };

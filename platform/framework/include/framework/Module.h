@@ -1,12 +1,12 @@
 #pragma once
 
+#include <Poco/Util/Subsystem.h>
+
 #include <map>
 #include <memory>
 #include <mutex>
 #include <string>
 #include <thread>
-
-#include <Poco/Util/Subsystem.h>
 
 #include "framework/Policy.h"
 #include "framework/PolicyCallback.h"

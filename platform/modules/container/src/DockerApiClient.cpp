@@ -1,8 +1,5 @@
 #include "container/DockerApiClient.h"
 
-#include <exception>
-#include <istream>
-
 #include <Poco/Exception.h>
 #include <Poco/Net/HTTPClientSession.h>
 #include <Poco/Net/HTTPRequest.h>
@@ -10,6 +7,9 @@
 #include <Poco/Net/SocketAddress.h>
 #include <Poco/Net/StreamSocket.h>
 #include <Poco/Timespan.h>
+
+#include <exception>
+#include <istream>
 
 namespace Engine {
 

@@ -1,9 +1,5 @@
 #include "container/DockerEventStream.h"
 
-#include <algorithm>
-#include <chrono>
-#include <exception>
-
 #include <Poco/Exception.h>
 #include <Poco/Net/HTTPClientSession.h>
 #include <Poco/Net/HTTPRequest.h>
@@ -11,6 +7,10 @@
 #include <Poco/Net/SocketAddress.h>
 #include <Poco/Timespan.h>
 #include <Poco/URI.h>
+
+#include <algorithm>
+#include <chrono>
+#include <exception>
 
 #include "container/ContainerModule.h"
 #include "framework/Counters.h"
@@ -109,9 +109,9 @@ bool DockerEventStream::FollowOnce() {
     bool reading = false;
     try {
         Poco::Net::StreamSocket socket;
-        socket.connect(Poco::Net::SocketAddress(Poco::Net::SocketAddress::UNIX_LOCAL, socketPath_),
-                       Poco::Timespan(static_cast<Poco::Timespan::TimeDiff>(kConnectTimeoutMs) *
-                                      1000));
+        socket.connect(
+            Poco::Net::SocketAddress(Poco::Net::SocketAddress::UNIX_LOCAL, socketPath_),
+            Poco::Timespan(static_cast<Poco::Timespan::TimeDiff>(kConnectTimeoutMs) * 1000));
         {
             std::lock_guard<std::mutex> lock(mutex_);
             if (stop_) return false;
@@ -147,13 +147,13 @@ bool DockerEventStream::FollowOnce() {
         }
     } catch (const Poco::Exception& e) {
         if (!stop_) {
-            TW_LOG(log, PRIO_WARNING, "Docker monitor event stream on %s failed: %s",
-                   socketPath_, e.displayText());
+            TW_LOG(log, PRIO_WARNING, "Docker monitor event stream on %s failed: %s", socketPath_,
+                   e.displayText());
         }
     } catch (const std::exception& e) {
         if (!stop_) {
-            TW_LOG(log, PRIO_WARNING, "Docker monitor event stream on %s failed: %s",
-                   socketPath_, std::string(e.what()));
+            TW_LOG(log, PRIO_WARNING, "Docker monitor event stream on %s failed: %s", socketPath_,
+                   std::string(e.what()));
         }
     }
     std::lock_guard<std::mutex> lock(mutex_);

@@ -12,8 +12,7 @@ FileNotifyMessage::~FileNotifyMessage() = default;
 
 int FileNotifyMessage::MessageHandle(void* task) {
     if (task == nullptr) return -1;
-    auto* receiver =
-        dynamic_cast<AbstractMessageReceiver*>(static_cast<Framework::Task*>(task));
+    auto* receiver = dynamic_cast<AbstractMessageReceiver*>(static_cast<Framework::Task*>(task));
     if (receiver == nullptr) return -1;
     return receiver->FileNotifyMessageAction(this);
 }

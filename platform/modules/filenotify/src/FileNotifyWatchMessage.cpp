@@ -12,8 +12,7 @@ FileNotifyWatchMessage::FileNotifyWatchMessage(Framework::Task* from, const std:
       options(opt),
       add(true) {}
 
-FileNotifyWatchMessage::FileNotifyWatchMessage(Framework::Task* from, const std::string& p,
-                                               bool a)
+FileNotifyWatchMessage::FileNotifyWatchMessage(Framework::Task* from, const std::string& p, bool a)
     : AbstructMessage<FileNotifyWatchMessage>(from),
       path(p),
       requester(from != nullptr ? from->name() : std::string()),

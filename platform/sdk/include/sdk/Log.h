@@ -1,12 +1,12 @@
 #pragma once
 
-#include <cstddef>
-#include <exception>
-#include <string>
-
 #include <Poco/Format.h>
 #include <Poco/Logger.h>
 #include <Poco/Message.h>
+
+#include <cstddef>
+#include <exception>
+#include <string>
 
 #include "sdk/PathUtils.h"
 
@@ -35,8 +35,7 @@ inline void LogRecord(Poco::Logger* logger, Poco::Message::Priority prio, const 
         // The record keeps a pointer to its file name: point into the __FILE__ literal, which
         // lives for the whole process, so that a channel that keeps records stays valid.
         const std::size_t length = std::char_traits<char>::length(file);
-        const char* bareName =
-            fileName.size() <= length ? file + (length - fileName.size()) : file;
+        const char* bareName = fileName.size() <= length ? file + (length - fileName.size()) : file;
         channel->log(Poco::Message(logger->name(), text, prio, bareName, line));
     } catch (const std::exception&) {
         // A log line must never interrupt the operation around it.

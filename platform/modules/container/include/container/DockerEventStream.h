@@ -1,5 +1,7 @@
 #pragma once
 
+#include <Poco/Net/StreamSocket.h>
+
 #include <atomic>
 #include <condition_variable>
 #include <functional>
@@ -7,8 +9,6 @@
 #include <mutex>
 #include <string>
 #include <thread>
-
-#include <Poco/Net/StreamSocket.h>
 
 #include "container/DockerDocuments.h"
 
