@@ -200,19 +200,25 @@ case_outputs_file_deleted() {
   figures file_deleted "file $delivered"
 }
 
-case_outputs_collector_down() {
-  local http=$WORK/http port c=e2e-collector-$$ before
-  port=$(free_port) || fail "no free port"
-  trap "case_cleanup; stop_pid '$http/server.pid'" EXIT
+# collector_then_outage HTTP-DIR PORT CONTAINER: an agent sending to a local HTTP collector,
+# a protected container whose first alarms reached it, then the collector stopped.
+collector_then_outage() {
+  local http=$1 port=$2 c=$3
   nginx_start "$http" "$port"
   outputs_config "report.http.url = http://127.0.0.1:$port/alarms" "report.http.retry_max_ms = 2000"
   write_policy "$WORK/policy.d" tarnwick/busybox false /etc/passwd
   agent_start "$WORK"
   start_container "$c" >/dev/null
   arm_probe "$c"
-  wait_for 10 all_delivered report.http.delivered \
-    || fail "collector did not get the first alarms"
+  wait_for 10 all_delivered report.http.delivered || fail "collector did not get the first alarms"
   stop_pid "$http/server.pid"
+}
+
+case_outputs_collector_down() {
+  local http=$WORK/http port c=e2e-collector-$$ before
+  port=$(free_port) || fail "no free port"
+  trap "case_cleanup; stop_pid '$http/server.pid'" EXIT
+  collector_then_outage "$http" "$port" "$c"
   before=$(counter report.alarms.received)
   # Alarms raised all through a 10 s outage.
   cexec "$c" 'i=0; while [ $i -lt 50 ]; do echo "down$i:x:1:1::/:/bin/false" >> /etc/passwd; i=$((i + 1)); sleep 0.2; done'
@@ -241,14 +247,7 @@ case_outputs_spool_restart() {
   local http=$WORK/http port c=e2e-restart-$$ before
   port=$(free_port) || fail "no free port"
   trap "case_cleanup; stop_pid '$http/server.pid'" EXIT
-  nginx_start "$http" "$port"
-  outputs_config "report.http.url = http://127.0.0.1:$port/alarms" "report.http.retry_max_ms = 2000"
-  write_policy "$WORK/policy.d" tarnwick/busybox false /etc/passwd
-  agent_start "$WORK"
-  start_container "$c" >/dev/null
-  arm_probe "$c"
-  wait_for 10 all_delivered report.http.delivered || fail "collector did not get the first alarms"
-  stop_pid "$http/server.pid"
+  collector_then_outage "$http" "$port" "$c"
   before=$(counter report.alarms.received)
   raise_alarms "$c" 30
   wait_for 20 settled_above "$before" || fail "no alarms raised"
