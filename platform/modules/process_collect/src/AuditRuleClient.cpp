@@ -5,19 +5,14 @@
 #include <unistd.h>
 
 #include <cerrno>
-#include <chrono>
 #include <cstring>
+
+#include "sdk/TimeUtils.h"
 
 namespace Engine {
 
 namespace {
 constexpr int kReplyTimeoutMs = 2000;
-
-uint64_t NowMs() {
-    return static_cast<uint64_t>(std::chrono::duration_cast<std::chrono::milliseconds>(
-                                     std::chrono::steady_clock::now().time_since_epoch())
-                                     .count());
-}
 
 std::string ErrorText(int rc) { return std::strerror(rc < 0 ? -rc : rc); }
 
@@ -27,7 +22,7 @@ bool NextReply(int fd, audit_reply& rep, uint64_t deadlineMs) {
         const int rc = audit_get_reply(fd, &rep, GET_REPLY_NONBLOCKING, 0);
         if (rc > 0) return true;
         if (rc != -EAGAIN && rc != 0) return false;
-        const uint64_t now = NowMs();
+        const uint64_t now = SDK::TimeUtils::GetMonotonicMs();
         if (now >= deadlineMs) return false;
         pollfd pfd{fd, POLLIN, 0};
         ::poll(&pfd, 1, static_cast<int>(deadlineMs - now));
@@ -128,7 +123,7 @@ bool AuditRuleClient::GetStatus(Status& status, std::string& error) {
         error = "status request failed: " + ErrorText(rc);
         return false;
     }
-    const uint64_t deadline = NowMs() + kReplyTimeoutMs;
+    const uint64_t deadline = SDK::TimeUtils::GetMonotonicMs() + kReplyTimeoutMs;
     audit_reply rep;
     while (NextReply(fd_, rep, deadline)) {
         if (rep.type == NLMSG_ERROR && rep.error->error != 0) {
@@ -203,7 +198,7 @@ bool AuditRuleClient::ListRaw(std::vector<std::string>& rules, std::string& erro
         error = "rule list request failed: " + ErrorText(rc);
         return false;
     }
-    const uint64_t deadline = NowMs() + kReplyTimeoutMs;
+    const uint64_t deadline = SDK::TimeUtils::GetMonotonicMs() + kReplyTimeoutMs;
     audit_reply rep;
     while (NextReply(fd_, rep, deadline)) {
         if (rep.type == NLMSG_DONE) return true;
