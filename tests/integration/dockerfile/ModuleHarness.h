@@ -166,9 +166,8 @@ public:
     void SendAuditEvent(const std::string& key, const std::vector<std::string>& paths, bool write,
                         bool attr, const std::string& pid = "", const std::string& ppid = "",
                         const std::string& processName = "");
-    /// Returns once the module's task handled everything sent to it before this call: an exit
-    /// notification for a never-seen container serves as a marker; its receive line and the
-    /// warning that follows it are awaited.
+    /// Returns once the module's task handled everything sent to it before this call (its idle
+    /// barrier); false when that took longer than the deadline.
     bool Sync();
 
 private:
@@ -177,7 +176,6 @@ private:
     Framework::Module* neighbours_ = nullptr;
     Framework::Module* module_ = nullptr;
     bool moduleInitialised_ = false;
-    int syncCounter_ = 0;
 };
 
 /// A container description with the members the module reads.
