@@ -112,17 +112,22 @@ void AuditRuleClient::Drain() {
     }
 }
 
-bool AuditRuleClient::GetStatus(Status& status, std::string& error) {
+bool AuditRuleClient::SendRequest(int (*request)(int), const char* what, std::string& error) {
     if (fd_ < 0) {
         error = "audit control socket not open";
         return false;
     }
-    Drain();
-    const int rc = audit_request_status(fd_);
+    Drain();  // replies to an earlier request that timed out must not be taken for this one's
+    const int rc = request(fd_);
     if (rc <= 0) {
-        error = "status request failed: " + ErrorText(rc);
+        error = std::string(what) + " request failed: " + ErrorText(rc);
         return false;
     }
+    return true;
+}
+
+bool AuditRuleClient::GetStatus(Status& status, std::string& error) {
+    if (!SendRequest(audit_request_status, "status", error)) return false;
     const uint64_t deadline = SDK::TimeUtils::GetMonotonicMs() + kReplyTimeoutMs;
     audit_reply rep;
     while (NextReply(fd_, rep, deadline)) {
@@ -188,16 +193,7 @@ int AuditRuleClient::AddWatch(const AuditWatchRule& rule) { return SendRule(rule
 int AuditRuleClient::DeleteWatch(const AuditWatchRule& rule) { return SendRule(rule, false); }
 
 bool AuditRuleClient::ListRaw(std::vector<std::string>& rules, std::string& error) {
-    if (fd_ < 0) {
-        error = "audit control socket not open";
-        return false;
-    }
-    Drain();
-    const int rc = audit_request_rules_list_data(fd_);
-    if (rc <= 0) {
-        error = "rule list request failed: " + ErrorText(rc);
-        return false;
-    }
+    if (!SendRequest(audit_request_rules_list_data, "rule list", error)) return false;
     const uint64_t deadline = SDK::TimeUtils::GetMonotonicMs() + kReplyTimeoutMs;
     audit_reply rep;
     while (NextReply(fd_, rep, deadline)) {
