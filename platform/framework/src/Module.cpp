@@ -118,7 +118,8 @@ int Module::RefreshPolicy(const std::string& key, const std::string& feature,
     std::lock_guard<std::mutex> lock(mutex_);
     auto cb = callbacks_.find(key);
     if (cb == callbacks_.end()) {
-        TW_LOG(FrameworkLogger(), PRIO_WARNING, "Module %s: no policy hook for key %s", name_, key);
+        // Every module is offered every key; most have no hook for it, which is no fault.
+        TW_LOG(FrameworkLogger(), PRIO_DEBUG, "Module %s: no policy hook for key %s", name_, key);
         return -1;
     }
     // Only the policy this module keeps for the key may be marked outdated: a stale pointer
