@@ -27,6 +27,11 @@ protected:
 private:
     void HandleHelp(const std::string& name, const std::string& value);
     void HandleSetting(const std::string& name, const std::string& value);
+    void HandleCheck(const std::string& name, const std::string& value);
+    /// --check-config / --check-policy: checks and prints, starts nothing; a CheckExit.
+    int RunCheck(const std::vector<std::string>& args);
+    /// The module directory a policy check loads from: option, settings file, default.
+    std::string ModuleDirForCheck() const;
 
     /// Merges agent.properties and options into SDK::ConfigUtils; false with `error` set on
     /// bad configuration.
@@ -37,6 +42,8 @@ private:
 
     bool helpRequested_ = false;
     std::string configFile_;
+    std::string check_;                                  // "check-config", "check-policy" or empty
+    std::string checkFile_;                              // the file given to the check option
     std::map<std::string, std::string> optionSettings_;  // setting key -> value from options
 };
 

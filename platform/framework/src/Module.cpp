@@ -128,6 +128,7 @@ int Module::RefreshPolicy(const std::string& key, const std::string& feature,
         if (it != policies_.end()) held = it->second;
     }
     if (!hook) {
+        // Every module is offered every key; most have no hook for it, which is no fault.
         TW_LOG(FrameworkLogger(), PRIO_DEBUG, "Module %s: no policy hook for key %s", name_, key);
         return -1;
     }
