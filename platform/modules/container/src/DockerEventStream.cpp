@@ -24,13 +24,12 @@ constexpr int kConnectTimeoutMs = 5000;
 constexpr int kFirstBackoffMs = 250;
 constexpr int kMaxBackoffMs = 16000;
 constexpr uint64_t kWarnIntervalMs = 5000;
-const char* const kEventFilters = R"({"type":["container"],"event":["start","die"]})";
 
 Framework::RateLimiter gMalformedWarn(kWarnIntervalMs);
 
 std::string EventsUri() {
     std::string encoded;
-    Poco::URI::encode(kEventFilters, "?#/:;+@&=", encoded);
+    Poco::URI::encode(ContainerEventFilters(), "?#/:;+@&=", encoded);
     return "/events?filters=" + encoded;
 }
 }  // namespace
