@@ -20,7 +20,7 @@ DOCKERD_ARGS=${DOCKERD_ARGS:-}
 BUSYBOX_IMAGE=${BUSYBOX_IMAGE:-tarnwick/busybox:latest}
 export DOCKER_HOST=unix://$DOCKER_SOCKET
 
-# shellcheck source=lib/busybox-root.sh
+# shellcheck source-path=SCRIPTDIR source=lib/busybox-root.sh
 source "$(dirname "$0")/lib/busybox-root.sh"
 
 die() { echo "dockerd.sh: $*" >&2; exit 1; }

@@ -22,7 +22,7 @@ PODMAN_LOCK=${PODMAN_LOCK:-/run/tarnwick-podman.lock}
 PODMAN_ARGS=${PODMAN_ARGS:-}
 BUSYBOX_IMAGE=${BUSYBOX_IMAGE:-tarnwick/busybox:latest}
 
-# shellcheck source=lib/busybox-root.sh
+# shellcheck source-path=SCRIPTDIR source=lib/busybox-root.sh
 source "$(dirname "$0")/lib/busybox-root.sh"
 
 die() { echo "podman.sh: $*" >&2; exit 1; }

@@ -1,3 +1,4 @@
+# shellcheck shell=bash
 # busybox_root DIR: lays out in DIR the root filesystem of the busybox test image, from
 # Debian's busybox-static. Used by dockerd.sh and podman.sh, so both engines run the same image.
 # Source this file; it sets no shell options of its own. Returns 1 with a message on failure.
