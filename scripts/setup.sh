@@ -7,7 +7,7 @@ PACKAGES=(
   build-essential cmake pkg-config git
   libpoco-dev libjsoncpp-dev libssl-dev libaudit-dev
   libgtest-dev libgmock-dev googletest libbenchmark-dev
-  auditd docker.io busybox-static debootstrap
+  auditd docker.io podman busybox-static debootstrap
   dpdk-dev librte-ring23 libconcurrentqueue-dev libboost-dev
   procps util-linux jq clang-format
   rsyslog nginx openssl
