@@ -9,7 +9,6 @@
 #   tests/package/package-test.sh [BUILD_DIR]   (default build/)
 set -euo pipefail
 cd "$(dirname "$0")/../.."
-ROOT=$(pwd)
 BUILD_DIR=$(cd "${1:-build}" && pwd)
 [ "$(id -u)" -eq 0 ] || { echo "package test: needs root" >&2; exit 1; }
 if dpkg-query -W -f='${Status}' tarnwick 2>/dev/null | grep -q installed; then
@@ -17,6 +16,7 @@ if dpkg-query -W -f='${Status}' tarnwick 2>/dev/null | grep -q installed; then
   exit 1
 fi
 
+# shellcheck source=scripts/lib/agent-run.sh
 source scripts/lib/agent-run.sh
 PREFIX=/usr/local/tarnwick
 UNIT_NAME=tarnwick-agent.service
@@ -96,7 +96,7 @@ bash scripts/dockerd.sh image >/dev/null
 # The unit's command line and capability set, as systemd would apply them to a root service.
 exec_start=$(sed -n 's/^ExecStart=//p' "$UNIT")
 caps=$(sed -n 's/^CapabilityBoundingSet=//p' "$UNIT")
-bounding=-all$(for c in $caps; do printf ',+%s' "$(tr 'A-Z' 'a-z' <<<"${c#CAP_}")"; done)
+bounding=-all$(for c in $caps; do printf ',+%s' "$(tr '[:upper:]' '[:lower:]' <<<"${c#CAP_}")"; done)
 expect "NoNewPrivileges" grep -qx 'NoNewPrivileges=yes' "$UNIT"
 mkdir -p /run/tarnwick # RuntimeDirectory=
 # The installed policy protects /etc/passwd (in the container's image) and /etc/hosts (which
