@@ -352,7 +352,7 @@ int AgentApplication::main(const std::vector<std::string>& args) {
     Framework::StartupGate::Open();
     TW_LOG(AgentLogger(), PRIO_INFORMATION, "Agent started with %z modules",
            loader.Modules().size());
-    // Ready means: modules initialised and policies delivered, so containers are protected.
+    // Ready: the modules hold their policies, and running containers are being handed to them.
     NotifyServiceManager("READY=1");
 
     StopSignal stop;
