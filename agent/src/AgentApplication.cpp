@@ -198,10 +198,17 @@ void AgentApplication::HandleSetting(const std::string& name, const std::string&
     if (key != OptionKeys().end()) optionSettings_[key->second] = value;
 }
 
+namespace {
+// The settings file in use: the one given, else the installed one when it exists, else none.
+std::string SettingsFile(const std::string& given) {
+    if (!given.empty()) return given;
+    return Poco::File(kDefaultConfig).exists() ? std::string(kDefaultConfig) : std::string();
+}
+}  // namespace
+
 bool AgentApplication::LoadSettings(std::string& error) {
     std::map<std::string, std::string> settings = Defaults();
-    std::string file = configFile_;
-    if (file.empty() && Poco::File(kDefaultConfig).exists()) file = kDefaultConfig;
+    const std::string file = SettingsFile(configFile_);
     if (!file.empty()) {
         try {
             Poco::AutoPtr<Poco::Util::PropertyFileConfiguration> props(
@@ -306,8 +313,7 @@ void AgentApplication::LogCounters() {
 std::string AgentApplication::ModuleDirForCheck() const {
     const auto option = optionSettings_.find("module.dir");
     if (option != optionSettings_.end()) return option->second;
-    std::string file = configFile_;
-    if (file.empty() && Poco::File(kDefaultConfig).exists()) file = kDefaultConfig;
+    const std::string file = SettingsFile(configFile_);
     if (!file.empty()) {
         try {
             Poco::AutoPtr<Poco::Util::PropertyFileConfiguration> props(

@@ -118,16 +118,22 @@ std::string JoinCommand(const std::string& path, const std::vector<std::string>&
     return cmd;
 }
 
-bool ParseObject(const std::string& text, Json::Value& root, std::string& error) {
+// Parses a whole document whose top level must be of `type` (named in the error as `what`).
+bool ParseDocument(const std::string& text, Json::ValueType type, const char* what,
+                   Json::Value& root, std::string& error) {
     if (SDK::JsonUtils::ParseJsonStr(text, root) != 0) {
         error = "not a complete JSON document";
         return false;
     }
-    if (!root.isObject()) {
-        error = "not a JSON object";
+    if (root.type() != type) {
+        error = std::string("not a JSON ") + what;
         return false;
     }
     return true;
+}
+
+bool ParseObject(const std::string& text, Json::Value& root, std::string& error) {
+    return ParseDocument(text, Json::objectValue, "object", root, error);
 }
 
 bool StartsWith(const std::string& text, const std::string& prefix) {
@@ -251,14 +257,7 @@ bool ParseContainerList(const std::string& text, std::vector<std::string>& ids,
                         std::string& error) {
     try {
         Json::Value root;
-        if (SDK::JsonUtils::ParseJsonStr(text, root) != 0) {
-            error = "not a complete JSON document";
-            return false;
-        }
-        if (!root.isArray()) {
-            error = "not a JSON array";
-            return false;
-        }
+        if (!ParseDocument(text, Json::arrayValue, "array", root, error)) return false;
         std::vector<std::string> out;
         for (const auto& item : root) {
             const std::string id = String(item, "Id");
