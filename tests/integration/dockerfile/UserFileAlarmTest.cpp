@@ -22,14 +22,6 @@ protected:
         Sent().Clear();
         Logs().Clear();
     }
-
-    /// Sends an event that must not raise an alarm, and checks that none came.
-    void ExpectNoAlarm(const std::string& path, uint32_t mask, uint64_t index) {
-        const size_t before = Alarms().size();
-        harness.SendFileEvent(path, mask, index);
-        ASSERT_TRUE(harness.Sync());
-        EXPECT_EQ(before, Alarms().size());
-    }
 };
 
 TEST_F(UserFileAlarmTest, AlarmDocumentCarriesEveryMemberWithItsTypeAndValue) {
@@ -106,60 +98,52 @@ TEST_F(UserFileAlarmTest, FirstMatchingBitDecidesTheOperation) {
 
 class UserFileAttributionTest : public UserFileAlarmTest {};
 
-// The index picks the container; its root must then lead the path, as plain text, and is cut.
-TEST_F(UserFileAttributionTest, RootIsCutFromThePathAfterAPlainLeadingSubstringCheck) {
-    // The alarm names the event path without the root, even when nothing is left of it.
-    harness.SendFileEvent(kRoot + "/etc/passwd.d/child", 0x100, 0);
-    EXPECT_EQ("/etc/passwd.d/child", WaitAlarm(1)["file_info"][0]["file_path"].asString());
-    harness.SendFileEvent(kRoot, 0x400, 0);
-    EXPECT_EQ("", WaitAlarm(2)["file_info"][0]["file_path"].asString());
-
-    Notify(MakeContainer("cid-2", "db", "sha256:x", "myapp:2", "/r/abc"));
-    harness.SendFileEvent("/r/abcdef/x", 0x2, 1);
-    Json::Value doc = WaitAlarm(3);
-    EXPECT_EQ("def/x", doc["file_info"][0]["file_path"].asString());
-    EXPECT_EQ("db", doc["container_name"].asString());
-    EXPECT_EQ("cid-2", doc["resource_info"]["container_id"].asString());
-
-    ExpectNoAlarm("/x/r/abc/y", 0x2, 1);
-    auto failed = Logs().Exactly(
-        "Docker file root path match failed. container=db, file=/x/r/abc/y, root=/r/abc");
-    ASSERT_EQ(1u, failed.size()) << Logs().Dump();
-    EXPECT_EQ(Poco::Message::PRIO_WARNING, failed[0].priority);
-    auto notMatched = Logs().Exactly("Docker file module inotify message not match container.");
-    ASSERT_EQ(1u, notMatched.size());
-    EXPECT_EQ(Poco::Message::PRIO_WARNING, notMatched[0].priority);
-    EXPECT_LT(failed[0].seq, notMatched[0].seq);
-
-    // An empty root leads every path.
-    Notify(MakeContainer("cid-3", "rootless", "sha256:x", "myapp:2", ""));
-    harness.SendFileEvent("/anything/at/all", 0x4, 2);
-    doc = WaitAlarm(4);
-    EXPECT_EQ("/anything/at/all", doc["file_info"][0]["file_path"].asString());
-    EXPECT_EQ("rootless", doc["container_name"].asString());
-}
-
-// An index never handed out, one of a container that exited, and the largest one.
-TEST_F(UserFileAttributionTest, EventsWithoutALiveIndexAreDropped) {
+// The index picks the container and its root must lead the path, as plain text; the alarm names
+// the path without the root. An index that is unknown, or whose container left, drops the event,
+// and so does a path outside the root; each is warned, then the mismatch.
+TEST_F(UserFileAttributionTest, IndexThenRootDecide) {
+    Notify(MakeContainer("cid-2", "db", "sha256:x", "myapp:2", "/r/abc"));  // index 1
+    Notify(MakeContainer("cid-3", "rootless", "sha256:x", "myapp:2", ""));  // index 2
+    Notify(MakeContainer("cid-4", "back", "sha256:x", "myapp:2", "/g"));    // index 3
+    Notify(MakeContainer("cid-4", "back", "sha256:x", "myapp:2", "/g", false));
+    Notify(MakeContainer("cid-4", "back", "sha256:x", "myapp:2", "/g"));  // index 4
     const std::string path = kRoot + "/etc/passwd";
-    Notify(MakeContainer("cid-1", "web", "sha256:img", "myapp:1", kRoot, false));
-    for (const uint64_t index : {uint64_t{7}, uint64_t{0}, UINT64_MAX}) {
-        SCOPED_TRACE(index);
+    const std::string noIndex = "Docker file not match cache index. index=";
+    const std::string outside = "Docker file root path match failed. container=db, file=";
+    const struct {
+        std::string path;
+        uint64_t index;
+        std::string alarm;  ///< container and in-container path, or empty
+        std::string dropped;
+    } rows[] = {
+        {kRoot + "/etc/passwd.d/child", 0, "web /etc/passwd.d/child", ""},
+        {kRoot, 0, "web ", ""},
+        {"/r/abcdef/x", 1, "db def/x", ""},
+        {"/anything/at/all", 2, "rootless /anything/at/all", ""},
+        {"/g/x", 4, "back /x", ""},
+        {"/x/r/abc/y", 1, "", outside + "/x/r/abc/y, root=/r/abc"},
+        {path, 1, "", outside + path + ", root=/r/abc"},
+        {path, 3, "", noIndex + "3, path=" + path},
+        {path, 7, "", noIndex + "7, path=" + path},
+        {path, UINT64_MAX, "", noIndex + "18446744073709551615, path=" + path},
+    };
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.path + " " + std::to_string(row.index));
+        Sent().Clear();
         Logs().Clear();
-        ExpectNoAlarm(path, 0x2, index);
-        auto warning = Logs().Exactly(
-            "Docker file not match cache index. index=" + std::to_string(index) + ", path=" + path);
-        ASSERT_EQ(1u, warning.size()) << Logs().Dump();
-        EXPECT_EQ(Poco::Message::PRIO_WARNING, warning[0].priority);
-        auto notMatched = Logs().Exactly("Docker file module inotify message not match container.");
-        ASSERT_EQ(1u, notMatched.size());
-        EXPECT_LT(warning[0].seq, notMatched[0].seq);
+        harness.SendFileEvent(row.path, 0x2, row.index);
+        if (!row.alarm.empty()) {
+            Json::Value doc = WaitAlarm(1);
+            EXPECT_EQ(row.alarm, doc["container_name"].asString() + " " +
+                                     doc["file_info"][0]["file_path"].asString());
+            continue;
+        }
+        ASSERT_TRUE(harness.Sync());
+        EXPECT_EQ(
+            (std::vector<std::string>{"W " + row.dropped,
+                                      "W Docker file module inotify message not match container."}),
+            Timeline());
     }
-    // The container comes back with a new index; the old one stays dead.
-    Notify(MakeContainer("cid-1", "web", "sha256:img", "myapp:1", kRoot));
-    ExpectNoAlarm(path, 0x2, 0);
-    harness.SendFileEvent(path, 0x2, 1);
-    EXPECT_EQ("web", WaitAlarm(1)["container_name"].asString());
 }
 
 TEST_F(UserFileAttributionTest, PolicyChangesDoNotStopAlarmsOfCachedContainers) {
