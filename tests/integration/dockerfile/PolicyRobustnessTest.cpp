@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 
 #include "HarnessFixture.h"
+#include "sdk/LogEscapingChannel.h"
 
 namespace DockerFileHarness {
 namespace {
@@ -94,7 +95,8 @@ TEST_F(PolicyRobustnessTest, MembersOfTheWrongTypeFallBackToTheirDefaults) {
                   "D Docker file module insert name rules list: name(web), fuzzyMatch(0), "
                   "filesNum(0), elfForbidden(0)",
                   "W Docker file get invalid rules content.",
-                  "I Docker file module refresh policy: " + doc}),
+                  // The agent's log escapes the document's newlines.
+                  "I Docker file module refresh policy: " + SDK::LogEscapingChannel::Escape(doc)}),
               Timeline());
 
     // "web" is an exact rule without files or audit: cached, nothing requested.
