@@ -11,13 +11,16 @@
 #include "framework/Counters.h"
 #include "report/SinkWorker.h"
 #include "report/SyslogSink.h"
+#include "support/Deadline.h"
+#include "support/FileText.h"
+#include "support/TempDir.h"
 
 namespace {
 
 using Report::SyslogSink;
 using ReportTest::Doc;
-using ReportTest::ReadLines;
-using ReportTest::WaitFor;
+using TestSupport::FileText;
+using TestSupport::WaitUntil;
 
 constexpr const char* kRsyslogd = "/usr/sbin/rsyslogd";
 
@@ -51,7 +54,7 @@ public:
             return false;
         }
         // Ready when the TCP input accepts and the socket exists (inputs open together).
-        return WaitFor(
+        return WaitUntil(
             [&] { return ReportTest::Accepts(tcpPort_) && ::access(Socket().c_str(), F_OK) == 0; });
     }
     void Stop() { process_.Stop(); }
@@ -71,7 +74,7 @@ public:
     // The messages received, as the JSON documents they carry.
     std::vector<std::string> Messages() const {
         std::vector<std::string> docs;
-        for (const std::string& line : ReadLines(Output())) {
+        for (const std::string& line : FileText::Lines(Output())) {
             const std::size_t brace = line.find('{');
             if (brace != std::string::npos) docs.push_back(line.substr(brace));
         }
@@ -99,10 +102,10 @@ protected:
             GTEST_SKIP() << "rsyslogd is not installed (Debian package rsyslog)";
         }
         rsyslog_.reset(new Rsyslog(tmp_.Path()));
-        ASSERT_TRUE(rsyslog_->Start()) << ReportTest::ReadAll(tmp_.Path() + "/rsyslogd.out");
+        ASSERT_TRUE(rsyslog_->Start()) << FileText::Read(tmp_.Path() + "/rsyslogd.out");
     }
 
-    ReportTest::TempDir tmp_;
+    TestSupport::TempDir tmp_;
     std::unique_ptr<Rsyslog> rsyslog_;
 };
 
@@ -111,8 +114,9 @@ TEST_P(SyslogSinkTest, EachAlarmIsOneRfc5424MessageCarryingTheDocumentUnchanged)
     const std::vector<std::string> docs = {Doc(0), Doc(1, 4000), "{\"text\":\"a b \\\"q\\\"\"}"};
     const auto result = sink->Deliver(docs);
     EXPECT_EQ(result.delivered, docs.size()) << result.error;
-    ASSERT_TRUE(WaitFor([&] { return ReadLines(rsyslog_->Output()).size() == docs.size(); }));
-    const auto lines = ReadLines(rsyslog_->Output());
+    ASSERT_TRUE(
+        WaitUntil([&] { return FileText::Lines(rsyslog_->Output()).size() == docs.size(); }));
+    const auto lines = FileText::Lines(rsyslog_->Output());
     for (std::size_t i = 0; i < docs.size(); ++i) {
         // rsyslog parsed the header: facility, severity, app name and message id came through.
         EXPECT_EQ(lines[i], "auth warning tarnwick alarm " + docs[i]);
@@ -144,7 +148,7 @@ TEST_P(SyslogRestartTest, AlarmsRaisedWhileTheCollectorIsDownArriveAfterItReturn
         sent.push_back(Doc(i));
         worker.Offer(sent.back());
     }
-    ASSERT_TRUE(WaitFor([&] { return rsyslog_->Messages().size() == 10; }));
+    ASSERT_TRUE(WaitUntil([&] { return rsyslog_->Messages().size() == 10; }));
 
     const uint64_t failed = Framework::Counters::Instance().Value("report.syslog.attempts_failed");
     rsyslog_->Stop();
@@ -152,11 +156,12 @@ TEST_P(SyslogRestartTest, AlarmsRaisedWhileTheCollectorIsDownArriveAfterItReturn
         sent.push_back(Doc(i));
         worker.Offer(sent.back());
     }
-    ASSERT_TRUE(WaitFor([&] {
+    ASSERT_TRUE(WaitUntil([&] {
         return Framework::Counters::Instance().Value("report.syslog.attempts_failed") > failed;
     }));
     ASSERT_TRUE(rsyslog_->Start());
-    ASSERT_TRUE(WaitFor([&] { return rsyslog_->Messages().size() >= 30; }, 30));
+    ASSERT_TRUE(
+        WaitUntil([&] { return rsyslog_->Messages().size() >= 30; }, std::chrono::seconds(30)));
     EXPECT_EQ(rsyslog_->Messages(), sent);
 }
 
