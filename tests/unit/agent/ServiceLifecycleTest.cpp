@@ -19,23 +19,13 @@
 
 #include "agent/ServiceNotifier.h"
 #include "sdk/UniqueFd.h"
+#include "support/Deadline.h"
+#include "support/FileText.h"
 
 namespace {
 
-bool WaitFor(const std::function<bool()>& condition, int seconds = 20) {
-    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(seconds);
-    while (!condition()) {
-        if (std::chrono::steady_clock::now() >= deadline) return false;
-        std::this_thread::sleep_for(std::chrono::milliseconds(20));
-    }
-    return true;
-}
-
-std::string ReadAll(const std::string& path) {
-    std::ifstream in(path);
-    std::stringstream text;
-    text << in.rdbuf();
-    return text.str();
+bool WaitFor(const std::function<bool()>& condition) {
+    return TestSupport::WaitUntil(condition, std::chrono::seconds(20));
 }
 
 // A datagram socket standing in for the service manager's notification socket.
@@ -166,7 +156,8 @@ protected:
 TEST_F(AgentProcessTest, ReadyOnlyOnceStartedAndStoppingOnTerm) {
     Launch();
     ASSERT_EQ(notify_->Receive(), "READY=1");
-    EXPECT_NE(ReadAll(log_).find("Agent started"), std::string::npos) << ReadAll(log_);
+    EXPECT_NE(TestSupport::FileText::Read(log_).find("Agent started"), std::string::npos)
+        << TestSupport::FileText::Read(log_);
     EXPECT_EQ(Terminate(), 0);
     EXPECT_EQ(notify_->Receive(5000), "STOPPING=1");
 }
@@ -176,16 +167,18 @@ TEST_F(AgentProcessTest, SighupReopensTheLogFileMovedAway) {
     ASSERT_EQ(notify_->Receive(), "READY=1");
     ASSERT_EQ(::rename(log_.c_str(), (log_ + ".1").c_str()), 0);
     ASSERT_EQ(::kill(pid_, SIGHUP), 0);
-    ASSERT_TRUE(WaitFor([&] { return ReadAll(log_).find("reopened") != std::string::npos; }))
-        << "no new log at " << log_;
+    ASSERT_TRUE(WaitFor([&] {
+        return TestSupport::FileText::Read(log_).find("reopened") != std::string::npos;
+    })) << "no new log at "
+        << log_;
     ASSERT_EQ(::kill(pid_, SIGHUP), 0);  // a second rotation in a row works too
     ASSERT_TRUE(WaitFor([&] {
-        const std::string text = ReadAll(log_);
+        const std::string text = TestSupport::FileText::Read(log_);
         return text.find("reopened") != text.rfind("reopened");
     }));
     EXPECT_EQ(Terminate(), 0);
-    EXPECT_NE(ReadAll(log_ + ".1").find("Agent started"), std::string::npos);
-    EXPECT_NE(ReadAll(log_).find("Agent stopped"), std::string::npos);
+    EXPECT_NE(TestSupport::FileText::Read(log_ + ".1").find("Agent started"), std::string::npos);
+    EXPECT_NE(TestSupport::FileText::Read(log_).find("Agent stopped"), std::string::npos);
 }
 
 }  // namespace

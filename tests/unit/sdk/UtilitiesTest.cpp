@@ -19,35 +19,12 @@
 #include "sdk/LoggerUtils.h"
 #include "sdk/PathUtils.h"
 #include "sdk/ProcessUtils.h"
+#include "support/Shell.h"
+#include "support/TempDir.h"
 
 namespace {
 
-class TempDir {
-public:
-    TempDir() {
-        char templ[] = "/tmp/tarnwick-sdk-XXXXXX";
-        path_ = ::mkdtemp(templ);
-    }
-    ~TempDir() { std::system(("rm -rf '" + path_ + "'").c_str()); }
-    std::string File(const std::string& name, const std::string& content) const {
-        const std::string path = path_ + "/" + name;
-        std::ofstream(path, std::ios::binary) << content;
-        return path;
-    }
-    const std::string& Path() const { return path_; }
-
-private:
-    std::string path_;
-};
-
-std::string Shell(const std::string& command) {
-    std::string out;
-    FILE* p = ::popen(command.c_str(), "r");
-    char buf[256];
-    while (p != nullptr && std::fgets(buf, sizeof(buf), p) != nullptr) out += buf;
-    if (p != nullptr) ::pclose(p);
-    return out;
-}
+using TestSupport::TempDir;
 
 TEST(FileSha256, KnownDigestsAndTheSizeLimit) {
     TempDir dir;
@@ -66,7 +43,8 @@ TEST(FileSha256, TenMebibytesMatchTheSystemTool) {
     const std::string path = dir.File("ten", std::string(10 << 20, '\x5a'));
     std::string digest;
     ASSERT_TRUE(SDK::FileUtils::GetFileSha256(path, digest, 10 << 20));
-    EXPECT_EQ(digest + "\n", Shell("sha256sum '" + path + "' | cut -d' ' -f1"));
+    EXPECT_EQ(digest + "\n",
+              TestSupport::Shell::Run("sha256sum '" + path + "' | cut -d' ' -f1").out);
 }
 
 TEST(FileOpen, FifoDeviceAndDirectoryAreRefusedWithoutHanging) {
