@@ -10,6 +10,7 @@ PACKAGES=(
   auditd docker.io busybox-static debootstrap
   dpdk-dev librte-ring23 libconcurrentqueue-dev libboost-dev
   procps util-linux jq clang-format
+  clang-14 libclang-rt-14-dev
   rsyslog nginx openssl
 )
 
