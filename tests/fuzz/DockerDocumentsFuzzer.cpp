@@ -20,7 +20,6 @@ void Inspect(const std::string& text) {
     }
     FUZZ_CHECK(Engine::IsContainerId(info.id));
     FUZZ_CHECK(pid >= 0);
-    FUZZ_CHECK(info.name.empty() || info.name[0] != '/');
     for (const auto& port : info.ports) {
         FUZZ_CHECK(port.containerPort >= 0 && port.containerPort <= 65535);
         FUZZ_CHECK(port.hostPort >= 0 && port.hostPort <= 65535);
