@@ -23,8 +23,14 @@
 #include <mutex>
 #include <thread>
 
+#include "agent/CheckExit.h"
+#include "agent/ConfigCheck.h"
+#include "agent/HangupSignal.h"
 #include "agent/ModuleLoader.h"
+#include "agent/PolicyCheck.h"
 #include "agent/PolicyDirectory.h"
+#include "agent/ReopenableFileChannel.h"
+#include "agent/ServiceNotifier.h"
 #include "framework/Counters.h"
 #include "framework/Module.h"
 #include "framework/StartupGate.h"
@@ -72,11 +78,6 @@ Poco::Logger* AgentLogger() {
     return SDK::LoggerUtils::GetInstance()->GetModuleLogger("agent", true);
 }
 
-bool IsDirectory(const std::string& path) {
-    struct stat st;
-    return stat(path.c_str(), &st) == 0 && S_ISDIR(st.st_mode);
-}
-
 std::string FeatureOf(const std::string& document) {
     Json::Value root;
     if (SDK::JsonUtils::ParseJsonStr(document, root) != 0) return std::string();
@@ -112,6 +113,22 @@ void AgentApplication::defineOptions(Poco::Util::OptionSet& options) {
             .required(false)
             .repeatable(false)
             .callback(OptionCallback<AgentApplication>(this, &AgentApplication::HandleHelp)));
+    options.addOption(
+        Option("check-config", "",
+               "Check a settings file (default: the installed one) and exit; starts nothing.")
+            .required(false)
+            .repeatable(false)
+            .argument("FILE", false)
+            .callback(OptionCallback<AgentApplication>(this, &AgentApplication::HandleCheck)));
+    options.addOption(
+        Option("check-policy", "",
+               "Check a policy document and show what it protects, then exit; starts "
+               "nothing. Its key is the file name without .json; the module that takes the "
+               "key is loaded from the module directory (--module-dir) to parse it.")
+            .required(false)
+            .repeatable(false)
+            .argument("FILE")
+            .callback(OptionCallback<AgentApplication>(this, &AgentApplication::HandleCheck)));
     options.addOption(
         Option("config", "c",
                "Settings file (default " + std::string(kDefaultConfig) + ", when present).")
@@ -158,9 +175,18 @@ void AgentApplication::HandleHelp(const std::string&, const std::string&) {
         "Host security agent: loads its modules, hands them the policies of the policy "
         "directory (again whenever a file changes) and runs until SIGINT or SIGTERM. "
         "Settings come from the settings file; options override them.");
-    help.setFooter("Exit codes: 0 after a clean shutdown, 2 on bad configuration.");
+    help.setFooter(
+        "Exit codes: 0 after a clean shutdown, 2 on bad configuration. With --check-config or "
+        "--check-policy: 0 valid; 1 valid, but with problems worth an operator's attention (a "
+        "policy that protects nothing, rules or files the module ignores, unknown or unusable "
+        "settings); 2 invalid or unreadable.");
     help.format(std::cout);
     stopOptionsProcessing();
+}
+
+void AgentApplication::HandleCheck(const std::string& name, const std::string& value) {
+    check_ = name;
+    checkFile_ = value;
 }
 
 void AgentApplication::HandleSetting(const std::string& name, const std::string& value) {
@@ -172,10 +198,17 @@ void AgentApplication::HandleSetting(const std::string& name, const std::string&
     if (key != OptionKeys().end()) optionSettings_[key->second] = value;
 }
 
+namespace {
+// The settings file in use: the one given, else the installed one when it exists, else none.
+std::string SettingsFile(const std::string& given) {
+    if (!given.empty()) return given;
+    return Poco::File(kDefaultConfig).exists() ? std::string(kDefaultConfig) : std::string();
+}
+}  // namespace
+
 bool AgentApplication::LoadSettings(std::string& error) {
     std::map<std::string, std::string> settings = Defaults();
-    std::string file = configFile_;
-    if (file.empty() && Poco::File(kDefaultConfig).exists()) file = kDefaultConfig;
+    const std::string file = SettingsFile(configFile_);
     if (!file.empty()) {
         try {
             Poco::AutoPtr<Poco::Util::PropertyFileConfiguration> props(
@@ -201,28 +234,14 @@ bool AgentApplication::LoadSettings(std::string& error) {
     for (const auto& o : optionSettings_) settings[o.first] = o.second;
     for (const auto& s : settings) SDK::ConfigUtils::Set(s.first, s.second);
 
-    const int limit = static_cast<int>(SDK::ConfigUtils::GetInt("cpu.limit_percent", -1));
-    if (limit < 0 || limit > 100) {
-        error = "cpu.limit_percent must be a number from 0 to 100";
-        return false;
+    // The same rules as --check-config, so that a checked file starts.
+    for (const char* key :
+         {"cpu.limit_percent", "log.level", "module.dir", "policy.dir", "policy.scan_ms"}) {
+        error = ConfigCheck::StartProblem(key, settings[key]);
+        if (!error.empty()) return false;
     }
-    SDK::InnerCpuCtrlUtils::SetLimitPercent(limit);
-    if (SDK::LoggerUtils::ParseLevel(settings["log.level"]) < 0) {
-        error = "unknown log level '" + settings["log.level"] + "'";
-        return false;
-    }
-    if (!IsDirectory(settings["module.dir"])) {
-        error = "module directory " + settings["module.dir"] + " does not exist";
-        return false;
-    }
-    if (!IsDirectory(settings["policy.dir"])) {
-        error = "policy directory " + settings["policy.dir"] + " does not exist";
-        return false;
-    }
-    if (SDK::ConfigUtils::GetInt("policy.scan_ms", -1) < 50) {
-        error = "policy.scan_ms must be a number of milliseconds, at least 50";
-        return false;
-    }
+    SDK::InnerCpuCtrlUtils::SetLimitPercent(
+        static_cast<int>(SDK::ConfigUtils::GetInt("cpu.limit_percent", 0)));
     return true;
 }
 
@@ -240,7 +259,8 @@ bool AgentApplication::SetUpLogging(std::string& error) {
             fileChannel->setProperty("purgeCount", "5");
             fileChannel->setProperty("flush", "true");
             fileChannel->open();
-            sink = fileChannel;
+            logFile_ = new ReopenableFileChannel(fileChannel);
+            sink = logFile_;
         } catch (const Poco::Exception& e) {
             error = "cannot open log file " + file + ": " + e.displayText();
             return false;
@@ -262,10 +282,15 @@ void AgentApplication::DeliverPolicies(PolicyDirectory& policies, ModuleLoader& 
         if (taken == 0) {
             TW_LOG(AgentLogger(), PRIO_WARNING, "Policy %s: no module takes policy key %s",
                    change.path, change.key);
-        } else {
-            TW_LOG(AgentLogger(), PRIO_INFORMATION, "Policy %s delivered under key %s", change.path,
-                   change.key);
+            continue;
         }
+        TW_LOG(AgentLogger(), PRIO_INFORMATION, "Policy %s delivered under key %s", change.path,
+               change.key);
+        // The module takes such a document without a word; the operator must hear of it.
+        Framework::PolicyDescription description;
+        if (!loader.DescribePolicy(change.key, change.document, true, description)) continue;
+        const std::string warning = PolicyCheck::DeliveryWarning(change.path, description);
+        if (!warning.empty()) TW_LOG(AgentLogger(), PRIO_WARNING, "%s", warning);
     }
     for (const auto& problem : problems) {
         TW_LOG(AgentLogger(), PRIO_ERROR, "Policy %s skipped: %s", problem.path, problem.reason);
@@ -285,11 +310,57 @@ void AgentApplication::LogCounters() {
     }
 }
 
+std::string AgentApplication::ModuleDirForCheck() const {
+    const auto option = optionSettings_.find("module.dir");
+    if (option != optionSettings_.end()) return option->second;
+    const std::string file = SettingsFile(configFile_);
+    if (!file.empty()) {
+        try {
+            Poco::AutoPtr<Poco::Util::PropertyFileConfiguration> props(
+                new Poco::Util::PropertyFileConfiguration(file));
+            if (props->hasProperty("module.dir")) return props->getString("module.dir");
+        } catch (const Poco::Exception&) {
+            // An unreadable settings file leaves the default; --check-config tells why.
+        }
+    }
+    return Defaults().at("module.dir");
+}
+
+int AgentApplication::RunCheck(const std::vector<std::string>& args) {
+    std::string file = checkFile_;
+    if (file.empty() && !args.empty()) file = args.front();
+    if (args.size() > (checkFile_.empty() ? 1u : 0u)) {
+        std::cerr << "tarnwick-agent: unexpected argument '" << args.back() << "'" << std::endl;
+        return kCheckInvalid;
+    }
+    if (check_ == "check-policy") return PolicyCheck::Run(file, ModuleDirForCheck(), std::cout);
+    if (file.empty()) file = configFile_.empty() ? kDefaultConfig : configFile_;
+    return ConfigCheck::Run(file, std::cout);
+}
+
+void AgentApplication::ReopenLog() {
+    if (logFile_.isNull()) return;
+    std::string error;
+    if (!logFile_->Reopen(error)) {
+        std::cerr << "tarnwick-agent: cannot reopen the log file: " << error << std::endl;
+        return;
+    }
+    TW_LOG(AgentLogger(), PRIO_INFORMATION, "Log file reopened on SIGHUP");
+}
+
+void AgentApplication::NotifyServiceManager(const std::string& state) {
+    std::string error;
+    if (!ServiceNotifier::Notify(state, error)) {
+        TW_LOG(AgentLogger(), PRIO_WARNING, "Service manager not told %s: %s", state, error);
+    }
+}
+
 int AgentApplication::main(const std::vector<std::string>& args) {
     if (helpRequested_) return EXIT_OK;
-    // SIGHUP means "reopen the alarm file" once the sink module hooks it; until then (and in
-    // an agent without that module) it must not end the agent.
-    std::signal(SIGHUP, SIG_IGN);
+    if (!check_.empty()) return RunCheck(args);
+    // SIGHUP reopens the log file here, and the alarm file too once the sink module chains its
+    // hook to this one; it must never end the agent (logrotate sends it).
+    if (!HangupSignal::Install()) std::signal(SIGHUP, SIG_IGN);
     // Every thread the modules start inherits this mask, so a stop request arriving during
     // start-up waits for the orderly shutdown below instead of killing the agent mid-way.
     sigset_t stopSignals;
@@ -331,6 +402,8 @@ int AgentApplication::main(const std::vector<std::string>& args) {
     Framework::StartupGate::Open();
     TW_LOG(AgentLogger(), PRIO_INFORMATION, "Agent started with %z modules",
            loader.Modules().size());
+    // Ready: the modules hold their policies, and running containers are being handed to them.
+    NotifyServiceManager("READY=1");
 
     StopSignal stop;
     const auto scanEvery =
@@ -339,6 +412,7 @@ int AgentApplication::main(const std::vector<std::string>& args) {
     std::thread watcher([&] {
         auto lastStatus = std::chrono::steady_clock::now();
         while (!stop.WaitFor(scanEvery)) {
+            if (HangupSignal::Take()) ReopenLog();
             DeliverPolicies(policies, loader);
             if (statusEveryS > 0 && std::chrono::steady_clock::now() - lastStatus >=
                                         std::chrono::seconds(statusEveryS)) {
@@ -350,6 +424,7 @@ int AgentApplication::main(const std::vector<std::string>& args) {
 
     waitForTerminationRequest();
     TW_LOG(AgentLogger(), PRIO_INFORMATION, "Agent stopping");
+    NotifyServiceManager("STOPPING=1");
     stop.Raise();
     watcher.join();
     loader.UnInitAll();

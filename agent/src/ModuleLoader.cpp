@@ -86,6 +86,8 @@ bool ModuleLoader::LoadOne(const std::string& file, std::string& error) {
     loaded.file = file;
     loaded.handle = handle;
     loaded.module = module;
+    // Optional: only modules whose policies an operator can have described export it.
+    loaded.describe = reinterpret_cast<DescribePolicyFunc>(dlsym(handle, "DescribePolicy"));
     modules_.push_back(loaded);
     return true;
 }
@@ -119,6 +121,27 @@ int ModuleLoader::DeliverPolicy(const std::string& key, const std::string& featu
         if (loaded.module->RefreshPolicy(key, feature, document, current) == 0) ++taken;
     }
     return taken;
+}
+
+bool ModuleLoader::DescribePolicy(const std::string& key, const std::string& document,
+                                  bool delivered, Framework::PolicyDescription& out) {
+    for (auto& loaded : modules_) {
+        if (loaded.describe == nullptr) continue;
+        const Framework::Policy* parsed = nullptr;
+        if (delivered) {
+            if (!loaded.initialised) continue;
+            parsed = loaded.module->GetCurrentPolicy(key);
+            if (parsed == nullptr) continue;
+        }
+        Framework::PolicyDescription description;
+        if (loaded.describe(key.c_str(), document.data(), document.size(), parsed, &description) !=
+            1) {
+            continue;
+        }
+        out = description;
+        return true;
+    }
+    return false;
 }
 
 }  // namespace Agent

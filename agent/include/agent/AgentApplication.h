@@ -1,10 +1,13 @@
 #pragma once
 
+#include <Poco/AutoPtr.h>
 #include <Poco/Util/ServerApplication.h>
 
 #include <atomic>
 #include <map>
 #include <string>
+
+#include "agent/ReopenableFileChannel.h"
 
 namespace Agent {
 
@@ -27,6 +30,11 @@ protected:
 private:
     void HandleHelp(const std::string& name, const std::string& value);
     void HandleSetting(const std::string& name, const std::string& value);
+    void HandleCheck(const std::string& name, const std::string& value);
+    /// --check-config / --check-policy: checks and prints, starts nothing; a CheckExit.
+    int RunCheck(const std::vector<std::string>& args);
+    /// The module directory a policy check loads from: option, settings file, default.
+    std::string ModuleDirForCheck() const;
 
     /// Merges agent.properties and options into SDK::ConfigUtils; false with `error` set on
     /// bad configuration.
@@ -34,10 +42,17 @@ private:
     bool SetUpLogging(std::string& error);
     void DeliverPolicies(class PolicyDirectory& policies, class ModuleLoader& loader);
     void LogCounters();
+    /// SIGHUP: opens the log file anew at its path (logrotate moved it away).
+    void ReopenLog();
+    /// Tells the service manager (Type=notify) about the agent's state, logging a failure.
+    void NotifyServiceManager(const std::string& state);
 
     bool helpRequested_ = false;
     std::string configFile_;
+    std::string check_;                                  // "check-config", "check-policy" or empty
+    std::string checkFile_;                              // the file given to the check option
     std::map<std::string, std::string> optionSettings_;  // setting key -> value from options
+    Poco::AutoPtr<ReopenableFileChannel> logFile_;       // null when logging to standard error
 };
 
 }  // namespace Agent

@@ -3,6 +3,8 @@
 #include <string>
 #include <vector>
 
+#include "framework/PolicyDescription.h"
+
 namespace Framework {
 class Module;
 }
@@ -20,6 +22,7 @@ public:
         void* handle = nullptr;  ///< dlopen handle (never closed: code may still run)
         Framework::Module* module = nullptr;
         bool initialised = false;
+        DescribePolicyFunc describe = nullptr;  ///< the library's DescribePolicy, if it has one
     };
 
     ModuleLoader() = default;
@@ -40,6 +43,13 @@ public:
     /// Hands a policy document to every module; returns how many took it.
     int DeliverPolicy(const std::string& key, const std::string& feature,
                       const std::string& document);
+
+    /// Describes a document of policy `key` through the first module library that describes
+    /// that key. `delivered` false: the module parses it afresh (nothing needs to be
+    /// initialised); true: the policy an initialised module built from it at the last
+    /// DeliverPolicy is described, without a second parse. False when no module describes it.
+    bool DescribePolicy(const std::string& key, const std::string& document, bool delivered,
+                        Framework::PolicyDescription& out);
 
     const std::vector<Loaded>& Modules() const { return modules_; }
 

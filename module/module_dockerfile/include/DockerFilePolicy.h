@@ -27,6 +27,9 @@ public:
         std::vector<std::string> protectFiles;
     };
 
+    /// The most protected files a rule takes; later ones are ignored.
+    static constexpr std::size_t kMaxFilesPerRule = 20;
+
     /// `name` is the policy name until the document's "feature_name" replaces it.
     explicit DockerFilePolicy(const std::string& name);
     ~DockerFilePolicy() override;
@@ -46,6 +49,14 @@ public:
     /// on false neither is touched.
     bool GetImageFileRule(const std::string& imageId, const std::string& imageName,
                           std::vector<std::string>& files, bool& elfForbidden) const;
+
+    /// The tables as parsed, for describing the policy to an operator.
+    const std::map<std::string, Image_Id_Rule_Node>& GetImageIdRules() const {
+        return imageIdRules;
+    }
+    const std::map<std::string, Image_Name_Rule_Node>& GetImageNameRules() const {
+        return imageNameRules;
+    }
 
 private:
     std::map<std::string, Image_Id_Rule_Node> imageIdRules;

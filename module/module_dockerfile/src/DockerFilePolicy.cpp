@@ -8,8 +8,6 @@
 namespace Engine {
 
 namespace {
-constexpr std::size_t kMaxFilesPerRule = 20;
-
 void AppendFiles(const std::vector<std::string>& from, std::vector<std::string>& to) {
     to.insert(to.end(), from.begin(), from.end());
 }
@@ -22,7 +20,7 @@ void parseFilesList(const Json::Value& rule, std::vector<std::string>& files) {
     for (const auto& entry : list) {
         if (!entry.isString()) continue;
         files.push_back(entry.asString());
-        if (++taken == kMaxFilesPerRule) {
+        if (++taken == DockerFilePolicy::kMaxFilesPerRule) {
             TW_LOG(DockerFileModule::GetLoggerPtr(), PRIO_WARNING,
                    "Docker monitor file conut reach limit.");
             return;

@@ -115,40 +115,55 @@ Policy* Module::GetCurrentPolicy(const std::string& key) {
 
 int Module::RefreshPolicy(const std::string& key, const std::string& feature,
                           const std::string& document, Policy*& current) {
-    std::lock_guard<std::mutex> lock(mutex_);
-    auto cb = callbacks_.find(key);
-    if (cb == callbacks_.end()) {
-        TW_LOG(FrameworkLogger(), PRIO_WARNING, "Module %s: no policy hook for key %s", name_, key);
+    // One delivery at a time, so that the newest document is the one kept; the hook itself runs
+    // without the module's lock, so that it may call back into the module.
+    std::lock_guard<std::mutex> delivery(refreshMutex_);
+    std::shared_ptr<AbstractPolicyCallback> hook;
+    std::shared_ptr<Policy> held;
+    {
+        std::lock_guard<std::mutex> lock(mutex_);
+        auto cb = callbacks_.find(key);
+        if (cb != callbacks_.end()) hook = cb->second;
+        auto it = policies_.find(key);
+        if (it != policies_.end()) held = it->second;
+    }
+    if (!hook) {
+        // Every module is offered every key; most have no hook for it, which is no fault.
+        TW_LOG(FrameworkLogger(), PRIO_DEBUG, "Module %s: no policy hook for key %s", name_, key);
         return -1;
     }
     // Only the policy this module keeps for the key may be marked outdated: a stale pointer
     // from the caller must never be written through.
-    auto held = policies_.find(key);
-    current = held == policies_.end() ? nullptr : held->second.get();
+    current = held.get();
     std::shared_ptr<Policy> fresh;
     try {
-        fresh.reset(cb->second->invoke(feature, document, current));
+        fresh.reset(hook->invoke(feature, document, current));
     } catch (const std::exception& e) {
         TW_LOG(FrameworkLogger(), PRIO_ERROR, "Module %s: policy hook for key %s failed: %s", name_,
                key, std::string(e.what()));
         return -1;
     }
     if (!fresh) return -1;
-    // Hand the policy to the tasks it names; a policy naming none (an unparsable document)
-    // leaves every task with the policy it had.
-    if (auto* feat = dynamic_cast<FeaturePolicy*>(fresh.get())) {
-        for (const auto& child : feat->GetChildren()) {
-            auto* taskPolicy = dynamic_cast<TaskPolicy*>(child.get());
-            if (taskPolicy == nullptr) continue;
-            auto task = tasks_.find(taskPolicy->GetTaskName());
-            if (task == tasks_.end() || task->second.task == nullptr) continue;
-            if (feat->Dispatch(taskPolicy) != 0) continue;
-            task->second.task->SetFeaturePolicy(fresh);
-        }
-    }
+    std::lock_guard<std::mutex> lock(mutex_);
+    DispatchToTasks(fresh);
     policies_[key] = fresh;
     current = fresh.get();
     return 0;
+}
+
+// Hands the policy to the tasks it names; a policy naming none (an unparsable document) leaves
+// every task with the policy it had. Called with mutex_ held.
+void Module::DispatchToTasks(const std::shared_ptr<Policy>& fresh) {
+    auto* feat = dynamic_cast<FeaturePolicy*>(fresh.get());
+    if (feat == nullptr) return;
+    for (const auto& child : feat->GetChildren()) {
+        auto* taskPolicy = dynamic_cast<TaskPolicy*>(child.get());
+        if (taskPolicy == nullptr) continue;
+        auto task = tasks_.find(taskPolicy->GetTaskName());
+        if (task == tasks_.end() || task->second.task == nullptr) continue;
+        if (feat->Dispatch(taskPolicy) != 0) continue;
+        task->second.task->SetFeaturePolicy(fresh);
+    }
 }
 
 }  // namespace Framework

@@ -1,6 +1,5 @@
 #include "framework/Outbox.h"
 
-#include "framework/Counters.h"
 #include "framework/Message.h"
 #include "framework/Task.h"
 #include "sdk/Log.h"
@@ -16,9 +15,8 @@ Outbox::Outbox(Task& sender, std::size_t limit, const std::string& counterPrefix
     : sender_(sender),
       limit_(limit == 0 ? 1 : limit),
       heldCounter_(counterPrefix + ".held"),
-      droppedCounter_(counterPrefix + ".dropped"),
-      highWater_(highWater),
-      dropLog_(kDropLogIntervalMs) {}
+      droppedCounter_(counterPrefix + ".dropped", kDropLogIntervalMs),
+      highWater_(highWater) {}
 
 bool Outbox::Offer(const std::string& taskName, std::shared_ptr<Message>& msg) {
     if (highWater_ > 0 && Task::QueuedMessages(taskName) >= highWater_) return false;
@@ -31,18 +29,12 @@ bool Outbox::Send(const std::string& taskName, Message* msg) {
     std::shared_ptr<Message> owned(msg);
     auto it = waiting_.find(taskName);
     if ((it == waiting_.end() || it->second.empty()) && Offer(taskName, owned)) return true;
-    Counters::Instance().Add(heldCounter_);
+    heldCounter_.Add();
     if (held_ >= limit_) {
-        Counters::Instance().Add(droppedCounter_);
-        uint64_t suppressed = 0;
-        if (dropLog_.Allow(suppressed)) {
-            TW_LOG(SDK::LoggerUtils::GetInstance()->GetModuleLogger("framework", true),
-                   PRIO_WARNING,
-                   "Task %s holds %z messages for task %s already; %s dropped (%lu more not "
-                   "logged)",
-                   sender_.name(), held_, taskName, owned->TypeName(),
-                   static_cast<unsigned long>(suppressed));
-        }
+        TW_DEGRADED(droppedCounter_, 1,
+                    SDK::LoggerUtils::GetInstance()->GetModuleLogger("framework", true),
+                    PRIO_WARNING, "Task %s holds %z messages for task %s already; %s dropped",
+                    sender_.name(), held_, taskName, owned->TypeName());
         return false;
     }
     waiting_[taskName].push_back(std::move(owned));

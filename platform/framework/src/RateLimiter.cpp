@@ -1,11 +1,9 @@
 #include "framework/RateLimiter.h"
 
-#include "sdk/TimeUtils.h"
-
 namespace Framework {
 
 bool RateLimiter::Allow(uint64_t& suppressed) {
-    const uint64_t now = SDK::TimeUtils::GetMonotonicMs();
+    const uint64_t now = clock_.NowMs();
     uint64_t last = lastMs_.load(std::memory_order_relaxed);
     if (last != 0 && now - last < intervalMs_) {
         held_.fetch_add(1, std::memory_order_relaxed);

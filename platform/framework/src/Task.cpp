@@ -1,29 +1,45 @@
 #include "framework/Task.h"
 
+#include <chrono>
 #include <exception>
+#include <functional>
+#include <map>
+#include <mutex>
+#include <thread>
 #include <vector>
 
 #include "framework/Counters.h"
+#include "framework/DegradedCounter.h"
+#include "framework/IdleBarrier.h"
 #include "framework/Policy.h"
-#include "framework/RateLimiter.h"
 #include "framework/TaskRegistry.h"
 #include "sdk/Log.h"
 #include "sdk/LoggerUtils.h"
+#include "sdk/TimeUtils.h"
 
 namespace Framework {
 
 namespace {
-constexpr int kDefaultWaitMs = 100;
-constexpr int kDefaultBatch = 128;
-constexpr uint64_t kWarnIntervalMs = 1000;
-
 Poco::Logger* FrameworkLogger() {
     return SDK::LoggerUtils::GetInstance()->GetModuleLogger("framework", true);
 }
 
-RateLimiter gUnknownTaskWarn(kWarnIntervalMs);
-RateLimiter gQueueFullWarn(kWarnIntervalMs);
-RateLimiter gHandlerWarn(kWarnIntervalMs);
+// One counter (and one warning limit) per receiving task: a flood towards one task must not
+// hide that messages to another are lost too.
+DegradedCounter& SendFailures(const char* kind, const std::string& taskName) {
+    static std::mutex mutex;  // guards counters
+    static auto* counters = new std::map<std::string, std::unique_ptr<DegradedCounter>>();
+    const std::string name = std::string(kind) + "." + taskName;
+    std::lock_guard<std::mutex> lock(mutex);
+    auto& counter = (*counters)[name];
+    if (!counter) counter = std::make_unique<DegradedCounter>(name);
+    return *counter;
+}
+
+DegradedCounter& HandlerExceptions() {
+    static auto* counter = new DegradedCounter(CounterNames::kHandlerException);
+    return *counter;
+}
 }  // namespace
 
 Task::Task(const std::string& name, const std::string& feature, TaskCondition::TaskType type,
@@ -51,12 +67,53 @@ int Task::Init() { return 0; }
 void Task::UnInit() {}
 
 int Task::Run() {
-    while (!isCancelled()) {
-        if (waiter_.WaitAndHandleEvent(kDefaultWaitMs, kDefaultBatch) == -1) {
-            BulkConsumeMsg(kDefaultBatch);
-        }
-    }
+    while (!isCancelled()) RunTurn();
     return 0;
+}
+
+void Task::RunTurn() {
+    if (waiter_.WaitAndHandleEvent(NextWaitMs(), loop_.maxEvents) == -1) {
+        BulkConsumeMsg(loop_.batch);
+    }
+    if (isCancelled()) return;
+    OnTurn(NowMs());
+}
+
+int Task::NextWaitMs() { return loop_.waitMs; }
+
+void Task::OnTurn(uint64_t) {}
+
+namespace {
+// Queues a barrier through `offer` (0 queued, 1 no such task, 2 full) and waits for the task
+// to reach it. A full queue is being drained: the barrier is offered again until it fits.
+bool WaitOnBarrier(const std::function<int(std::shared_ptr<Message>&)>& offer, int timeoutMs) {
+    const uint64_t deadline = SDK::TimeUtils::GetMonotonicMs() + static_cast<uint64_t>(timeoutMs);
+    auto* barrier = new IdleBarrier();
+    auto state = barrier->GetState();
+    std::shared_ptr<Message> msg(barrier);
+    for (;;) {
+        const int rc = offer(msg);
+        if (rc == 0) break;
+        if (rc == 1 || SDK::TimeUtils::GetMonotonicMs() >= deadline) return false;
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    }
+    msg.reset();
+    const uint64_t now = SDK::TimeUtils::GetMonotonicMs();
+    return state->WaitFor(now >= deadline ? 0 : static_cast<int>(deadline - now));
+}
+}  // namespace
+
+bool Task::WaitIdle(int timeoutMs) {
+    return WaitOnBarrier(
+        [this](std::shared_ptr<Message>& msg) { return EnqueueMsg(msg) == 1 ? 0 : 2; }, timeoutMs);
+}
+
+bool Task::WaitIdle(const std::string& taskName, int timeoutMs) {
+    return WaitOnBarrier(
+        [&taskName](std::shared_ptr<Message>& msg) {
+            return TaskRegistry::Instance().Deliver(taskName, msg);
+        },
+        timeoutMs);
 }
 
 int Task::EnqueueMsg(std::shared_ptr<Message>& msg) {
@@ -84,13 +141,9 @@ int Task::SendDirectMsg(const std::string& taskName, Message* msg) {
         CountUnknownTask(*owned, taskName);
         return -1;
     }
-    Counters::Instance().Add(CounterNames::kQueueFull);
-    uint64_t suppressed = 0;
-    if (gQueueFullWarn.Allow(suppressed)) {
-        TW_LOG(FrameworkLogger(), PRIO_WARNING,
-               "Message %s from task %s dropped: queue of task %s is full (%lu more not logged)",
-               owned->TypeName(), name(), taskName, static_cast<unsigned long>(suppressed));
-    }
+    TW_DEGRADED(SendFailures(CounterNames::kQueueFull, taskName), 1, FrameworkLogger(),
+                PRIO_WARNING, "Message %s from task %s dropped: queue of task %s is full",
+                owned->TypeName(), name(), taskName);
     return -1;
 }
 
@@ -108,13 +161,9 @@ int Task::TrySendDirectMsg(const std::string& taskName, std::shared_ptr<Message>
 }
 
 void Task::CountUnknownTask(const Message& msg, const std::string& taskName) {
-    Counters::Instance().Add(CounterNames::kUnknownTask);
-    uint64_t suppressed = 0;
-    if (gUnknownTaskWarn.Allow(suppressed)) {
-        TW_LOG(FrameworkLogger(), PRIO_WARNING,
-               "Message %s from task %s dropped: no task named %s (%lu more not logged)",
-               msg.TypeName(), name(), taskName, static_cast<unsigned long>(suppressed));
-    }
+    TW_DEGRADED(SendFailures(CounterNames::kUnknownTask, taskName), 1, FrameworkLogger(),
+                PRIO_WARNING, "Message %s from task %s dropped: no task named %s", msg.TypeName(),
+                name(), taskName);
 }
 
 bool Task::PipelineCongested() { return !TaskRegistry::Instance().Congested().empty(); }
@@ -132,23 +181,13 @@ int Task::BulkConsumeMsg(int maxCount) {
             if (InterceptMsg(msg) != 0) continue;
             msg->MessageHandle(static_cast<Task*>(this));
         } catch (const std::exception& e) {
-            Counters::Instance().Add(CounterNames::kHandlerException);
-            uint64_t suppressed = 0;
-            if (gHandlerWarn.Allow(suppressed)) {
-                TW_LOG(FrameworkLogger(), PRIO_ERROR,
-                       "Task %s: handler of %s threw: %s (%lu more not logged)", name(),
-                       msg->TypeName(), std::string(e.what()),
-                       static_cast<unsigned long>(suppressed));
-            }
+            TW_DEGRADED(HandlerExceptions(), 1, FrameworkLogger(), PRIO_ERROR,
+                        "Task %s: handler of %s threw: %s", name(), msg->TypeName(),
+                        std::string(e.what()));
         } catch (...) {
-            Counters::Instance().Add(CounterNames::kHandlerException);
-            uint64_t suppressed = 0;
-            if (gHandlerWarn.Allow(suppressed)) {
-                TW_LOG(
-                    FrameworkLogger(), PRIO_ERROR,
-                    "Task %s: handler of %s threw a non-standard exception (%lu more not logged)",
-                    name(), msg->TypeName(), static_cast<unsigned long>(suppressed));
-            }
+            TW_DEGRADED(HandlerExceptions(), 1, FrameworkLogger(), PRIO_ERROR,
+                        "Task %s: handler of %s threw a non-standard exception", name(),
+                        msg->TypeName());
         }
         msg.reset();  // release each message as soon as it was handled
     }

@@ -154,20 +154,23 @@ int64_t JsonUtils::GetIntValue(const Json::Value& obj, const char* key, int64_t 
     return member->asInt64();
 }
 
-bool JsonUtils::GetSubobjectValue(const Json::Value& obj, const char* key, Json::Value& out) {
+namespace {
+// Copies obj[key] into out when obj is an object and the member has the wanted type.
+bool CopyMember(const Json::Value& obj, const char* key, Json::ValueType type, Json::Value& out) {
     if (!obj.isObject()) return false;
     const Json::Value* member = obj.find(key, key + std::strlen(key));
-    if (member == nullptr || !member->isObject()) return false;
+    if (member == nullptr || member->type() != type) return false;
     out = *member;
     return true;
 }
+}  // namespace
+
+bool JsonUtils::GetSubobjectValue(const Json::Value& obj, const char* key, Json::Value& out) {
+    return CopyMember(obj, key, Json::objectValue, out);
+}
 
 bool JsonUtils::GetArrayValue(const Json::Value& obj, const char* key, Json::Value& out) {
-    if (!obj.isObject()) return false;
-    const Json::Value* member = obj.find(key, key + std::strlen(key));
-    if (member == nullptr || !member->isArray()) return false;
-    out = *member;
-    return true;
+    return CopyMember(obj, key, Json::arrayValue, out);
 }
 
 }  // namespace SDK

@@ -1,5 +1,6 @@
 #include "sdk/LoggerUtils.h"
 
+#include <Poco/AutoPtr.h>
 #include <Poco/Channel.h>
 #include <Poco/Logger.h>
 #include <Poco/NumberParser.h>
@@ -8,6 +9,8 @@
 #include <cstdlib>
 #include <mutex>
 #include <vector>
+
+#include "sdk/LogEscapingChannel.h"
 
 namespace SDK {
 
@@ -26,7 +29,9 @@ void LoggerUtils::Configure(Poco::Channel* channel, int level) {
     // Poco's setChannel/setLevel on "" reach every logger that exists already; the root logger
     // must be one of them, or loggers created later inherit no channel from it.
     Poco::Logger::root();
-    Poco::Logger::setChannel("", channel);
+    // Every record passes here, so this one place keeps hostile text from forging records.
+    Poco::AutoPtr<Poco::Channel> escaping(new LogEscapingChannel(channel));
+    Poco::Logger::setChannel("", escaping);
     Poco::Logger::setLevel("", level);
     configured_ = true;
 }

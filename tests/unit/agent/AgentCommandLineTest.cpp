@@ -31,8 +31,10 @@ Result RunAgent(const std::string& args) {
 TEST(AgentCommandLine, HelpDocumentsEveryOptionAndExitsZero) {
     const Result r = RunAgent("--help");
     EXPECT_EQ(r.exitCode, 0);
-    for (const char* option : {"--config", "--module-dir", "--policy-dir", "--alarms", "--log",
-                               "--log-level", "--docker-socket", "--daemon", "--pidfile"}) {
+    for (const char* option :
+         {"--config", "--module-dir", "--policy-dir", "--alarms", "--log", "--log-level",
+          "--docker-socket", "--daemon", "--pidfile", "--check-config", "--check-policy", "0 valid",
+          "1 valid, but", "2 invalid or unreadable"}) {
         EXPECT_NE(r.output.find(option), std::string::npos) << option;
     }
 }

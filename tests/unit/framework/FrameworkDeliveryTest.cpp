@@ -104,7 +104,9 @@ protected:
         registered_.push_back(name);
         return task;
     }
-    uint64_t Counter(const char* name) { return Framework::Counters::Instance().Value(name); }
+    uint64_t Counter(const std::string& name) {
+        return Framework::Counters::Instance().Value(name);
+    }
 
     TestModule* module_ = nullptr;
     std::vector<std::string> registered_;
@@ -122,20 +124,24 @@ TEST_F(FrameworkDelivery, MessagesArriveInOrderFromAnotherTask) {
 TEST_F(FrameworkDelivery, UnknownTaskIsCountedAndTheMessageReleased) {
     RecordingTask* sender = Start("fw_lonely", 16, 50);
     const int liveBefore = gLiveProbes.load();
-    const uint64_t before = Counter(Framework::CounterNames::kUnknownTask);
+    const uint64_t before =
+        Counter(std::string(Framework::CounterNames::kUnknownTask) + ".fw_nobody");
     EXPECT_EQ(sender->SendDirectMsg("fw_nobody", new Probe(1)), -1);
-    EXPECT_EQ(Counter(Framework::CounterNames::kUnknownTask), before + 1);
+    EXPECT_EQ(Counter(std::string(Framework::CounterNames::kUnknownTask) + ".fw_nobody"),
+              before + 1);
     EXPECT_EQ(gLiveProbes.load(), liveBefore) << "the undeliverable message leaked";
 }
 
 TEST_F(FrameworkDelivery, FullQueueIsCountedAndTheMessageReleased) {
     RecordingTask* sender = Start("fw_flooder", 16, 50);
     RecordingTask* stalled = Start("fw_stalled", 4, 50, /*consume=*/false);
-    const uint64_t before = Counter(Framework::CounterNames::kQueueFull);
+    const uint64_t before =
+        Counter(std::string(Framework::CounterNames::kQueueFull) + ".fw_stalled");
     for (int i = 0; i < 4; ++i) ASSERT_EQ(sender->SendDirectMsg("fw_stalled", new Probe(i)), 0);
     const int liveBefore = gLiveProbes.load();
     EXPECT_EQ(sender->SendDirectMsg("fw_stalled", new Probe(99)), -1);
-    EXPECT_EQ(Counter(Framework::CounterNames::kQueueFull), before + 1);
+    EXPECT_EQ(Counter(std::string(Framework::CounterNames::kQueueFull) + ".fw_stalled"),
+              before + 1);
     EXPECT_EQ(gLiveProbes.load(), liveBefore);
     // What was queued is still handled when the task stops.
     module_->UnRegisterTask("fw_stalled");

@@ -1,8 +1,14 @@
 // Policy documents through Module::RefreshPolicy: the hook gets the policy in force, the new
 // policy reaches the tasks it names, and a policy naming no task leaves them alone.
+#include <Poco/AutoPtr.h>
+#include <Poco/Channel.h>
+#include <Poco/Logger.h>
+#include <Poco/Message.h>
 #include <gtest/gtest.h>
 
+#include <mutex>
 #include <string>
+#include <vector>
 
 #include "framework/FeaturePolicy.h"
 #include "framework/Module.h"
@@ -72,9 +78,26 @@ TEST_F(PolicyDispatch, PolicyNamingNoTaskLeavesTasksWithTheirPolicy) {
     EXPECT_EQ(task_->GetFeaturePolicy(), kept);
 }
 
+class Priorities : public Poco::Channel {
+public:
+    void log(const Poco::Message& msg) override {
+        std::lock_guard<std::mutex> lock(mutex);
+        seen.push_back(msg.getPriority());
+    }
+    std::mutex mutex;  // guards seen
+    std::vector<Poco::Message::Priority> seen;
+};
+
 TEST_F(PolicyDispatch, UnknownKeyAndWithdrawnHookAreRefused) {
+    // Every module is offered every key: a missing hook is worth a debug line, no warning.
+    Poco::AutoPtr<Priorities> records(new Priorities());
+    Poco::Logger& log = Poco::Logger::get("framework");
+    log.setChannel(records);
+    log.setLevel(Poco::Message::PRIO_DEBUG);
     Framework::Policy* current = nullptr;
     EXPECT_EQ(module_->RefreshPolicy("other", "feature", "policy_task", current), -1);
+    log.setChannel(nullptr);
+    EXPECT_EQ(records->seen, std::vector<Poco::Message::Priority>{Poco::Message::PRIO_DEBUG});
     module_->UnRegisterTaskletCallback("k");
     EXPECT_EQ(Deliver("policy_task"), -1);
 }

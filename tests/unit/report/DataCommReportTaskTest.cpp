@@ -3,6 +3,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <chrono>
 #include <fstream>
 #include <string>
@@ -99,6 +100,30 @@ TEST_F(DataCommModuleTest, SighupReopensTheFileAfterRotation) {
     ASSERT_TRUE(WaitFor([&] { return ReadLines(sink_).size() == 1; }));
     EXPECT_EQ(ReadLines(sink_ + ".1"), std::vector<std::string>{Doc(1)});
     EXPECT_EQ(ReadLines(sink_).front(), Doc(2));
+}
+
+std::atomic<int> gEarlierHangups{0};
+void CountHangup(int) { gEarlierHangups.fetch_add(1); }
+
+TEST_F(DataCommModuleTest, SighupStillReachesTheHandlerInstalledBeforeTheModule) {
+    struct sigaction earlier {};
+    struct sigaction saved {};
+    earlier.sa_handler = CountHangup;
+    sigemptyset(&earlier.sa_mask);
+    ASSERT_EQ(::sigaction(SIGHUP, &earlier, &saved), 0);
+    Start();
+    Send(Doc(1));
+    ASSERT_TRUE(WaitFor([&] { return ReadLines(sink_).size() == 1; }));
+    ASSERT_EQ(::rename(sink_.c_str(), (sink_ + ".1").c_str()), 0);
+    ASSERT_EQ(::raise(SIGHUP), 0);
+    EXPECT_EQ(gEarlierHangups.load(), 1);  // the host process's own SIGHUP work still happens
+    Send(Doc(2));
+    EXPECT_TRUE(WaitFor([&] { return ReadLines(sink_).size() == 1; }));  // and the file reopens
+    Stop();
+    // Stopping the module puts the earlier handler back.
+    ASSERT_EQ(::raise(SIGHUP), 0);
+    EXPECT_EQ(gEarlierHangups.load(), 2);
+    ::sigaction(SIGHUP, &saved, nullptr);
 }
 
 TEST_F(DataCommModuleTest, ADeletedAlarmFileIsRecreatedWithinASecond) {

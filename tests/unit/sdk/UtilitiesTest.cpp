@@ -155,6 +155,18 @@ TEST(ContainerOfProcess, CgroupV1AndV2Forms) {
         id);
     EXPECT_EQ(SDK::ProcessUtils::ParseContainerIdFromCgroup("0::/user.slice/session-1.scope\n"),
               "");
+    // Podman with cgroupfs (captured) and with systemd; its conmon is no container.
+    const std::string podman = "3d64fa20aee3959c65f7af8a9fa6a272aa258b17ff92a127a213fa662e5a2d22";
+    EXPECT_EQ(SDK::ProcessUtils::ParseContainerIdFromCgroup(
+                  "9:name=systemd:/libpod_parent/libpod-" + podman +
+                  "\n8:pids:/libpod_parent/libpod-" + podman + "\n"),
+              podman);
+    EXPECT_EQ(SDK::ProcessUtils::ParseContainerIdFromCgroup("0::/machine.slice/libpod-" + podman +
+                                                            ".scope/container\n"),
+              podman);
+    EXPECT_EQ(SDK::ProcessUtils::ParseContainerIdFromCgroup("0::/machine.slice/libpod-conmon-" +
+                                                            podman + ".scope\n"),
+              "");
     EXPECT_EQ(SDK::ProcessUtils::ParseContainerIdFromCgroup("0::/docker/nothex\n"), "");
     // This test process is not in a container, and a missing process has no container.
     std::string mine;

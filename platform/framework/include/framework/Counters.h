@@ -26,7 +26,8 @@ private:
     std::map<std::string, std::atomic<uint64_t>> counters_;
 };
 
-/// Counter names used by the framework itself.
+/// Counter names used by the framework itself; a send failure is counted per receiving task,
+/// as "<name>.<task name>".
 namespace CounterNames {
 constexpr const char* kUnknownTask = "framework.send.unknown_task";
 constexpr const char* kQueueFull = "framework.send.queue_full";

@@ -34,7 +34,9 @@ public:
     /// policy. The new policy
     /// is given to every task that its TaskPolicy children name (tasks of this module). The
     /// module keeps the newest policy of each key alive. Returns 0, or -1 when no hook is
-    /// registered under the key or the hook returned null.
+    /// registered under the key or the hook returned null. Deliveries are taken one at a time;
+    /// the hook runs without the module's lock, so it may call FindTask, GetCurrentPolicy or
+    /// RegisterTask, but not RefreshPolicy of the same module.
     virtual int RefreshPolicy(const std::string& key, const std::string& feature,
                               const std::string& document, Policy*& current);
 
@@ -65,11 +67,14 @@ private:
         bool detached = false;
     };
     void StopTask(RunningTask& running);
+    void DispatchToTasks(const std::shared_ptr<Policy>& fresh);
 
     std::string name_;
-    std::mutex mutex_;  // guards tasks_, callbacks_ and policies_
+    std::mutex refreshMutex_;  // held through one policy delivery, hook included
+    std::mutex mutex_;         // guards tasks_, callbacks_ and policies_
     std::map<std::string, RunningTask> tasks_;
-    std::map<std::string, std::unique_ptr<AbstractPolicyCallback>> callbacks_;
+    // Shared so that a hook being run survives its key being withdrawn meanwhile.
+    std::map<std::string, std::shared_ptr<AbstractPolicyCallback>> callbacks_;
     std::map<std::string, std::shared_ptr<Policy>> policies_;
 };
 

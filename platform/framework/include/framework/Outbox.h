@@ -6,7 +6,7 @@
 #include <memory>
 #include <string>
 
-#include "framework/RateLimiter.h"
+#include "framework/DegradedCounter.h"
 
 namespace Framework {
 
@@ -37,12 +37,11 @@ private:
 
     Task& sender_;
     std::size_t limit_;
-    std::string heldCounter_;
-    std::string droppedCounter_;
+    DegradedCounter heldCounter_;
+    DegradedCounter droppedCounter_;
     long highWater_;
     std::map<std::string, std::deque<std::shared_ptr<Message>>> waiting_;  // by receiver
     std::size_t held_ = 0;
-    RateLimiter dropLog_;
 };
 
 }  // namespace Framework

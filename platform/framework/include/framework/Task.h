@@ -8,6 +8,7 @@
 #include <mutex>
 #include <string>
 
+#include "framework/Clock.h"
 #include "framework/EventWaiter.h"
 #include "framework/Message.h"
 #include "framework/MessageConsumer.h"
@@ -25,6 +26,14 @@ class Policy;
 /// calls UnInit and releases it. Other threads reach it only through SendDirectMsg/EnqueueMsg.
 class Task : public Poco::Task {
 public:
+    /// How the default loop waits: at most waitMs per turn, up to maxEvents ready descriptors
+    /// handled and up to batch queued messages taken per turn.
+    struct LoopSettings {
+        int waitMs = 100;
+        int batch = 128;
+        int maxEvents = 128;
+    };
+
     /// queueCapacity: how many messages may wait in the queue at once.
     Task(const std::string& name, const std::string& feature, TaskCondition::TaskType type,
          unsigned int queueCapacity);
@@ -41,7 +50,9 @@ public:
     /// just after UnInit (Module::RegisterTask / UnRegisterTask).
     virtual int Init();
     virtual void UnInit();
-    /// The task thread's loop; the default waits and drains the queue until cancelled.
+    /// The task thread's loop. The default runs turns until cancelled: wait (NextWaitMs) for
+    /// descriptors or messages, take a batch of messages when signalled, then OnTurn with the
+    /// time. Services override the two hooks, not the loop.
     virtual int Run();
     /// Queues a message for this task (any thread); 1 when queued, 0 when the queue is full.
     virtual int EnqueueMsg(std::shared_ptr<Message>& msg);
@@ -71,6 +82,19 @@ public:
     /// Returns how many messages were taken.
     int BulkConsumeMsg(int maxCount);
 
+    /// Blocks until this task has handled every message queued before the call (an
+    /// IdleBarrier queued behind them is reached), at most timeoutMs. false on timeout, or when
+    /// the queue stayed full. Any thread but the task's own.
+    bool WaitIdle(int timeoutMs);
+    /// WaitIdle on the task registered as `taskName`; false when there is none.
+    static bool WaitIdle(const std::string& taskName, int timeoutMs);
+
+    /// The clock the task's turns, retries and limits read (the system's by default). Set it
+    /// before the task is registered; it must outlive the task.
+    void SetClock(const Clock& clock) { clock_ = &clock; }
+    const Clock& GetClock() const { return *clock_; }
+    uint64_t NowMs() const { return clock_->NowMs(); }
+
     EventWaiter& GetEventWaiter() { return waiter_; }
     const std::string& GetFeatureName() const { return feature_; }
     TaskCondition::TaskType GetTaskType() const { return type_; }
@@ -86,10 +110,22 @@ public:
 protected:
     ~Task() override;
 
+    /// Set by a derived constructor when the default wait and batch do not fit the service.
+    void SetLoopSettings(const LoopSettings& settings) { loop_ = settings; }
+    const LoopSettings& GetLoopSettings() const { return loop_; }
+    /// One turn of the default loop (also callable by a derived Run that adds steps around it).
+    void RunTurn();
+    /// How long the next wait may last; default LoopSettings::waitMs. Task thread.
+    virtual int NextWaitMs();
+    /// Periodic work after each wait (retries, timers, flushing held messages). Task thread.
+    virtual void OnTurn(uint64_t nowMs);
+
 private:
     void CountUnknownTask(const Message& msg, const std::string& taskName);
 
     std::string feature_;
+    LoopSettings loop_;
+    const Clock* clock_ = &Clock::System();
     TaskCondition::TaskType type_;
     MessageConsumer consumer_;
     EventWaiter waiter_;

@@ -1,14 +1,12 @@
 #include "container/ContainerCollectTask.h"
 
-#include <chrono>
 #include <new>
 #include <vector>
 
 #include "container/ContainerMessage.h"
 #include "container/ContainerModule.h"
 #include "framework/ContainerRegistry.h"
-#include "framework/Counters.h"
-#include "framework/RateLimiter.h"
+#include "framework/DegradedCounter.h"
 #include "framework/StartupGate.h"
 #include "sdk/ConfigUtils.h"
 #include "sdk/Log.h"
@@ -20,19 +18,13 @@ constexpr const char* kDefaultSocket = "/var/run/docker.sock";
 constexpr int kApiTimeoutMs = 5000;
 constexpr size_t kMaxInspectBytes = 4 * 1024 * 1024;
 constexpr size_t kMaxListBytes = 16 * 1024 * 1024;
-constexpr int kWaitMs = 100;
-constexpr int kBatch = 128;
 constexpr uint64_t kResyncRetryMs = 2000;
 constexpr uint64_t kWarnIntervalMs = 5000;
 
-Framework::RateLimiter gQueueFullWarn(kWarnIntervalMs);
-Framework::RateLimiter gInspectWarn(kWarnIntervalMs);
-
-uint64_t NowMs() {
-    return static_cast<uint64_t>(std::chrono::duration_cast<std::chrono::milliseconds>(
-                                     std::chrono::steady_clock::now().time_since_epoch())
-                                     .count());
-}
+Framework::DegradedCounter gEventsDropped("container.events.dropped", kWarnIntervalMs);
+Framework::DegradedCounter gInspectMalformed("container.inspect.malformed", kWarnIntervalMs);
+Framework::DegradedCounter gInspectFailed("container.inspect.failed", kWarnIntervalMs);
+Framework::DegradedCounter gListMalformed("container.list.malformed", kWarnIntervalMs);
 
 Poco::Logger* Log() { return ContainerModule::GetLoggerPtr(); }
 }  // namespace
@@ -63,17 +55,12 @@ void ContainerCollectTask::UnInit() {
     Framework::Task::UnInit();
 }
 
-int ContainerCollectTask::Run() {
-    while (!isCancelled()) {
-        if (GetEventWaiter().WaitAndHandleEvent(kWaitMs, kBatch) == -1) BulkConsumeMsg(kBatch);
-        if (isCancelled()) break;
-        SendDeferred();
-        const bool retryDue = resyncRetryAtMs_ != 0 && NowMs() >= resyncRetryAtMs_;
-        if (resyncRequested_.exchange(false) || retryDue) {
-            resyncRetryAtMs_ = Resync() ? 0 : NowMs() + kResyncRetryMs;
-        }
+void ContainerCollectTask::OnTurn(uint64_t nowMs) {
+    SendDeferred();
+    const bool retryDue = resyncRetryAtMs_ != 0 && nowMs >= resyncRetryAtMs_;
+    if (resyncRequested_.exchange(false) || retryDue) {
+        resyncRetryAtMs_ = Resync() ? 0 : NowMs() + kResyncRetryMs;
     }
-    return 0;
 }
 
 // Stream thread: must not block.
@@ -87,16 +74,10 @@ void ContainerCollectTask::OnStreamEvent(const ContainerEvent& event) {
     auto* raw = new (std::nothrow) ContainerEventMessage(event);
     std::shared_ptr<Framework::Message> msg(raw);
     if (raw != nullptr && EnqueueMsg(msg) == 1) return;
-    Framework::Counters::Instance().Add("container.events.dropped");
     resyncRequested_ = true;
     GetEventWaiter().Notify();
-    uint64_t suppressed = 0;
-    if (gQueueFullWarn.Allow(suppressed)) {
-        TW_LOG(Log(), PRIO_WARNING,
-               "Docker monitor queue full: event for %s dropped, will resynchronise (%lu more "
-               "not logged)",
-               event.id, static_cast<unsigned long>(suppressed));
-    }
+    TW_DEGRADED(gEventsDropped, 1, Log(), PRIO_WARNING,
+                "Docker monitor queue full: event for %s dropped, will resynchronise", event.id);
 }
 
 int ContainerCollectTask::Receive(const ContainerRegisterMessage& msg) {
@@ -185,8 +166,8 @@ bool ContainerCollectTask::Resync() {
         return false;
     }
     if (!ParseContainerList(body, ids, error)) {
-        Framework::Counters::Instance().Add("container.list.malformed");
-        TW_LOG(Log(), PRIO_ERROR, "Docker monitor dropped a malformed container list: %s", error);
+        TW_DEGRADED(gListMalformed, 1, Log(), PRIO_ERROR,
+                    "Docker monitor dropped a malformed container list: %s", error);
         return false;
     }
     const std::set<std::string> listed(ids.begin(), ids.end());
@@ -207,18 +188,9 @@ bool ContainerCollectTask::Inspect(const std::string& id, ContainerInfo& info, i
     std::string error;
     const int status = api_->Get("/containers/" + id + "/json", body, error);
     if (status == 200 && ParseContainerInspect(body, info, pid, error)) return true;
-    if (status == 200) {
-        Framework::Counters::Instance().Add("container.inspect.malformed");
-    } else {
-        Framework::Counters::Instance().Add("container.inspect.failed");
-        if (status > 0) error = "HTTP " + std::to_string(status);
-    }
-    uint64_t suppressed = 0;
-    if (gInspectWarn.Allow(suppressed)) {
-        TW_LOG(Log(), PRIO_WARNING,
-               "Docker monitor dropped container %s: inspect failed: %s (%lu more not logged)", id,
-               error, static_cast<unsigned long>(suppressed));
-    }
+    if (status != 200 && status > 0) error = "HTTP " + std::to_string(status);
+    TW_DEGRADED(status == 200 ? gInspectMalformed : gInspectFailed, 1, Log(), PRIO_WARNING,
+                "Docker monitor dropped container %s: inspect failed: %s", id, error);
     return false;
 }
 

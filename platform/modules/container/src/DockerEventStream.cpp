@@ -13,8 +13,7 @@
 #include <exception>
 
 #include "container/ContainerModule.h"
-#include "framework/Counters.h"
-#include "framework/RateLimiter.h"
+#include "framework/DegradedCounter.h"
 #include "sdk/Log.h"
 
 namespace Engine {
@@ -24,13 +23,14 @@ constexpr int kConnectTimeoutMs = 5000;
 constexpr int kFirstBackoffMs = 250;
 constexpr int kMaxBackoffMs = 16000;
 constexpr uint64_t kWarnIntervalMs = 5000;
-const char* const kEventFilters = R"({"type":["container"],"event":["start","die"]})";
 
-Framework::RateLimiter gMalformedWarn(kWarnIntervalMs);
+Framework::DegradedCounter gMalformed("container.events.malformed", kWarnIntervalMs);
+// Told every time: the reconnect backoff already bounds how often.
+Framework::DegradedCounter gReconnects("container.engine.reconnects", 0);
 
 std::string EventsUri() {
     std::string encoded;
-    Poco::URI::encode(kEventFilters, "?#/:;+@&=", encoded);
+    Poco::URI::encode(ContainerEventFilters(), "?#/:;+@&=", encoded);
     return "/events?filters=" + encoded;
 }
 }  // namespace
@@ -89,10 +89,9 @@ void DockerEventStream::Loop() {
     while (!stop_) {
         if (FollowOnce()) delayMs = kFirstBackoffMs;
         if (stop_) break;
-        Framework::Counters::Instance().Add("container.engine.reconnects");
-        TW_LOG(log, PRIO_WARNING,
-               "Docker monitor lost the engine's event stream on %s; reconnecting in %d ms",
-               socketPath_, delayMs);
+        TW_DEGRADED(gReconnects, 1, log, PRIO_WARNING,
+                    "Docker monitor lost the engine's event stream on %s; reconnecting in %d ms",
+                    socketPath_, delayMs);
         if (!WaitBackoff(delayMs)) break;
         delayMs = std::min(delayMs * 2, kMaxBackoffMs);
     }
@@ -137,9 +136,9 @@ bool DockerEventStream::FollowOnce() {
             bool tooLong = false;
             while (!stop_ && ReadLine(in, line, kMaxLineBytes, tooLong)) {
                 if (tooLong) {
-                    Framework::Counters::Instance().Add("container.events.malformed");
-                    TW_LOG(log, PRIO_WARNING, "Docker monitor skipped an event line over %z bytes",
-                           kMaxLineBytes);
+                    TW_DEGRADED(gMalformed, 1, log, PRIO_WARNING,
+                                "Docker monitor skipped an event line over %z bytes",
+                                kMaxLineBytes);
                     continue;
                 }
                 HandleLine(line);
@@ -175,13 +174,8 @@ void DockerEventStream::HandleLine(const std::string& line) {
         case EventLineResult::kMalformed:
             break;
     }
-    Framework::Counters::Instance().Add("container.events.malformed");
-    uint64_t suppressed = 0;
-    if (gMalformedWarn.Allow(suppressed)) {
-        TW_LOG(ContainerModule::GetLoggerPtr(), PRIO_WARNING,
-               "Docker monitor dropped a malformed event (%s): %s (%lu more not logged)", error,
-               line.substr(0, 200), static_cast<unsigned long>(suppressed));
-    }
+    TW_DEGRADED(gMalformed, 1, ContainerModule::GetLoggerPtr(), PRIO_WARNING,
+                "Docker monitor dropped a malformed event (%s): %s", error, line.substr(0, 200));
 }
 
 }  // namespace Engine

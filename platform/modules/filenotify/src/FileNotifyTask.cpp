@@ -1,10 +1,7 @@
 #include "filenotify/FileNotifyTask.h"
 
-#include <chrono>
-
 #include "filenotify/FileNotifyMessage.h"
-#include "framework/Counters.h"
-#include "framework/RateLimiter.h"
+#include "framework/DegradedCounter.h"
 #include "framework/StatusBoard.h"
 #include "sdk/Log.h"
 #include "sdk/LoggerUtils.h"
@@ -22,16 +19,9 @@ constexpr const char* kCoverageStatus = "filenotify.coverage";
 constexpr std::size_t kPerSourceLimit = 16384;
 constexpr std::size_t kTotalLimit = 65536;
 constexpr int kRetryMs = 1;  // how soon a held-back event is offered again
-constexpr const char* kDroppedCounter = "filenotify.dropped.backlog";
-constexpr const char* kPausedCounter = "filenotify.read_paused";
 
-Framework::RateLimiter gBacklogWarn(5000);
-
-uint64_t NowMs() {
-    return static_cast<uint64_t>(std::chrono::duration_cast<std::chrono::milliseconds>(
-                                     std::chrono::steady_clock::now().time_since_epoch())
-                                     .count());
-}
+Framework::DegradedCounter gBacklogDropped("filenotify.dropped.backlog", 5000);
+Framework::DegradedCounter gReadPaused("filenotify.read_paused");
 
 Poco::Logger* Logger() {
     return SDK::LoggerUtils::GetInstance()->GetModuleLogger("filenotify_module", true);
@@ -41,10 +31,16 @@ Poco::Logger* Logger() {
 FileNotifyTask::FileNotifyTask()
     : Framework::Task(kTaskName, "filenotify_feature", Framework::TaskCondition::TASK_TYPE_MESSAGE,
                       kQueueCapacity),
-      pending_(kPerSourceLimit, kTotalLimit) {}
+      pending_(kPerSourceLimit, kTotalLimit) {
+    LoopSettings loop;
+    loop.waitMs = kWaitMs;
+    loop.maxEvents = kMaxEvents;
+    loop.batch = kBulk;
+    SetLoopSettings(loop);
+}
 
 int FileNotifyTask::Init() {
-    table_.reset(new WatchTable());
+    table_.reset(new WatchTable(GetClock()));
     if (!table_->IsOpen()) {
         TW_LOG(Logger(), PRIO_ERROR, "File notify: task runs without inotify; watches are refused");
         return Framework::Task::Init();
@@ -62,23 +58,18 @@ void FileNotifyTask::UnInit() {
     Framework::Task::UnInit();
 }
 
-int FileNotifyTask::Run() {
-    uint64_t publishedAtMs = 0;
-    while (!isCancelled()) {
-        const int waitMs = pending_.Empty() ? kWaitMs : kRetryMs;
-        if (GetEventWaiter().WaitAndHandleEvent(waitMs, kMaxEvents) == -1) BulkConsumeMsg(kBulk);
-        if (!table_) continue;
-        const uint64_t now = NowMs();
-        std::vector<WatchNotification> notifications;
-        table_->Tick(now, notifications);
-        Queue(notifications);
-        Dispatch();
-        if (now - publishedAtMs >= kPublishEveryMs) {
-            Framework::StatusBoard::Instance().Set(kCoverageStatus, table_->CoverageText());
-            publishedAtMs = now;
-        }
+int FileNotifyTask::NextWaitMs() { return pending_.Empty() ? kWaitMs : kRetryMs; }
+
+void FileNotifyTask::OnTurn(uint64_t nowMs) {
+    if (!table_) return;
+    std::vector<WatchNotification> notifications;
+    table_->Tick(nowMs, notifications);
+    Queue(notifications);
+    Dispatch();
+    if (nowMs - publishedAtMs_ >= kPublishEveryMs) {
+        Framework::StatusBoard::Instance().Set(kCoverageStatus, table_->CoverageText());
+        publishedAtMs_ = nowMs;
     }
-    return 0;
 }
 
 int FileNotifyTask::Receive(const FileNotifyWatchMessage& msg) {
@@ -107,14 +98,9 @@ void FileNotifyTask::Queue(std::vector<WatchNotification>& notifications) {
         Source source(n.requester, n.extParm);
         const std::string watchPath = n.watchPath;
         if (pending_.Push(source, std::move(n))) continue;
-        Framework::Counters::Instance().Add(kDroppedCounter);
-        uint64_t suppressed = 0;
-        if (gBacklogWarn.Allow(suppressed)) {
-            TW_LOG(Logger(), PRIO_WARNING,
-                   "File notify: %s is not keeping up with the events of %s; event dropped (%lu "
-                   "more not logged)",
-                   source.first, watchPath, static_cast<unsigned long>(suppressed));
-        }
+        TW_DEGRADED(gBacklogDropped, 1, Logger(), PRIO_WARNING,
+                    "File notify: %s is not keeping up with the events of %s; event dropped",
+                    source.first, watchPath);
     }
     notifications.clear();
 }
@@ -140,7 +126,7 @@ void FileNotifyTask::PauseReading(bool pause) {
     if (pause == readingPaused_ || !table_ || !table_->IsOpen()) return;
     readingPaused_ = pause;
     if (pause) {
-        Framework::Counters::Instance().Add(kPausedCounter);
+        gReadPaused.Add();
         GetEventWaiter().RemoveFd(table_->Fd());
         return;
     }

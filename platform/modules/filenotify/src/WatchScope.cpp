@@ -4,7 +4,7 @@
 #include <sys/stat.h>
 
 #include "framework/ContainerRegistry.h"
-#include "framework/RateLimiter.h"
+#include "framework/DegradedCounter.h"
 #include "sdk/Log.h"
 #include "sdk/LoggerUtils.h"
 
@@ -14,7 +14,7 @@ namespace {
 constexpr uint64_t kWarnIntervalMs = 10000;
 constexpr std::size_t kLabelLength = 12;
 
-Framework::RateLimiter gFallbackWarn(kWarnIntervalMs);
+Framework::DegradedCounter gFallback("filenotify.scope.fallback", kWarnIntervalMs);
 
 Poco::Logger* Logger() {
     return SDK::LoggerUtils::GetInstance()->GetModuleLogger("filenotify_module", true);
@@ -75,13 +75,10 @@ bool WatchScope::OpenRoot() {
             return false;
         }
         kind_ = Kind::kContainerRootFs;
-        uint64_t suppressed = 0;
-        if (gFallbackWarn.Allow(suppressed)) {
-            TW_LOG(Logger(), PRIO_WARNING,
-                   "File notify: process %d of container %s is gone; its files are looked up in "
-                   "its root filesystem only, without its mounts (%lu more not logged)",
-                   pid_, Label(), static_cast<unsigned long>(suppressed));
-        }
+        TW_DEGRADED(gFallback, 1, Logger(), PRIO_WARNING,
+                    "File notify: process %d of container %s is gone; its files are looked up in "
+                    "its root filesystem only, without its mounts",
+                    pid_, Label());
     }
     root_.reset(new SDK::ContainerRoot(kind_ == Kind::kHost ? "/" : rootPath_));
     return root_->IsOpen();

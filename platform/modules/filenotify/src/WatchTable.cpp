@@ -7,12 +7,10 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <chrono>
 #include <cstring>
 #include <utility>
 
-#include "framework/Counters.h"
-#include "framework/RateLimiter.h"
+#include "framework/DegradedCounter.h"
 #include "sdk/Log.h"
 #include "sdk/LoggerUtils.h"
 #include "sdk/UniqueFd.h"
@@ -25,29 +23,19 @@ constexpr int kMaxReadsPerCall = 8;  // leaves the task time for its message que
 constexpr uint64_t kWarnIntervalMs = 10000;
 constexpr uint32_t kDirectoryChanges = IN_CREATE | IN_MOVED_TO | IN_DELETE | IN_MOVED_FROM;
 constexpr uint32_t kAnchorMask = kDirectoryChanges | IN_DELETE_SELF | IN_MOVE_SELF | IN_ONLYDIR;
-constexpr const char* kOverflowCounter = "filenotify.inotify.overflow";
-constexpr const char* kTruncatedCounter = "filenotify.inotify.truncated";
-constexpr const char* kWatchFailedCounter = "filenotify.watch.failed";
-constexpr const char* kRefusedCounter = "filenotify.request.refused";
-constexpr const char* kGapOpenedCounter = "filenotify.coverage.gap_opened";
-constexpr const char* kGapClosedCounter = "filenotify.coverage.gap_closed";
-constexpr const char* kRetriedCounter = "filenotify.watch.retried";
-constexpr const char* kBadNameCounter = "filenotify.event.bad_name";
+Framework::DegradedCounter gOverflow("filenotify.inotify.overflow", kWarnIntervalMs);
+Framework::DegradedCounter gTruncated("filenotify.inotify.truncated", kWarnIntervalMs);
+Framework::DegradedCounter gWatchFailed("filenotify.watch.failed", kWarnIntervalMs);
+Framework::DegradedCounter gRefused("filenotify.request.refused", kWarnIntervalMs);
+// A gap is told when it opens and when it closes, once per container and gap.
+Framework::DegradedCounter gGapOpened("filenotify.coverage.gap_opened", 0);
+Framework::DegradedCounter gGapClosed("filenotify.coverage.gap_closed", 0);
+Framework::DegradedCounter gRetried("filenotify.watch.retried");
+Framework::DegradedCounter gBadName("filenotify.event.bad_name", kWarnIntervalMs);
 
 Poco::Logger* Logger() {
     return SDK::LoggerUtils::GetInstance()->GetModuleLogger("filenotify_module", true);
 }
-
-uint64_t NowMs() {
-    return static_cast<uint64_t>(std::chrono::duration_cast<std::chrono::milliseconds>(
-                                     std::chrono::steady_clock::now().time_since_epoch())
-                                     .count());
-}
-
-Framework::RateLimiter gOverflowWarn(kWarnIntervalMs);
-Framework::RateLimiter gWatchFailedWarn(kWarnIntervalMs);
-Framework::RateLimiter gTruncatedWarn(kWarnIntervalMs);
-Framework::RateLimiter gBadNameWarn(kWarnIntervalMs);
 
 bool HasControlCharacter(const std::string& name) {
     for (unsigned char c : name) {
@@ -104,7 +92,7 @@ bool IsRefusal(int error) {
 
 }  // namespace
 
-WatchTable::WatchTable() : buffer_(kBufferSize) {
+WatchTable::WatchTable(const Framework::Clock& clock) : buffer_(kBufferSize), clock_(clock) {
     fd_ = inotify_init1(IN_NONBLOCK | IN_CLOEXEC);
     if (fd_ < 0) {
         TW_LOG(Logger(), PRIO_ERROR, "File notify: inotify instance not created: %s",
@@ -131,9 +119,9 @@ bool WatchTable::Add(const std::string& path, const std::string& requester, uint
     else if (nodes_.count(path) == 0 && nodes_.size() >= kMaxPaths)
         refusal = "too many paths";
     if (refusal != nullptr) {
-        Framework::Counters::Instance().Add(kRefusedCounter);
-        TW_LOG(Logger(), PRIO_WARNING, "File notify: watch on %s for %s refused: %s", path,
-               requester, std::string(refusal));
+        TW_DEGRADED(gRefused, 1, Logger(), PRIO_WARNING,
+                    "File notify: watch on %s for %s refused: %s", path, requester,
+                    std::string(refusal));
         return false;
     }
     Node& node = nodes_[path];
@@ -154,9 +142,9 @@ bool WatchTable::Add(const std::string& path, const std::string& requester, uint
                             [&](const Subscriber& s) { return s.requester == requester; });
     if (sub == node.subscribers.end()) {
         if (node.subscribers.size() >= kMaxRequestersPerPath) {
-            Framework::Counters::Instance().Add(kRefusedCounter);
-            TW_LOG(Logger(), PRIO_WARNING, "File notify: watch on %s for %s refused: %z requesters",
-                   path, requester, node.subscribers.size());
+            TW_DEGRADED(gRefused, 1, Logger(), PRIO_WARNING,
+                        "File notify: watch on %s for %s refused: %z requesters", path, requester,
+                        node.subscribers.size());
             return false;
         }
         node.subscribers.push_back(Subscriber());
@@ -210,15 +198,9 @@ void WatchTable::ReadEvents(std::vector<WatchNotification>& out) {
         const auto records =
             DecodeInotifyEvents(buffer_.data(), static_cast<std::size_t>(n), &consumed);
         if (consumed != static_cast<std::size_t>(n)) {
-            Framework::Counters::Instance().Add(kTruncatedCounter);
-            uint64_t suppressed = 0;
-            if (gTruncatedWarn.Allow(suppressed)) {
-                TW_LOG(Logger(), PRIO_WARNING,
-                       "File notify: %z bytes of a truncated inotify record dropped (%lu more "
-                       "not logged)",
-                       static_cast<std::size_t>(n) - consumed,
-                       static_cast<unsigned long>(suppressed));
-            }
+            TW_DEGRADED(gTruncated, 1, Logger(), PRIO_WARNING,
+                        "File notify: %z bytes of a truncated inotify record dropped",
+                        static_cast<std::size_t>(n) - consumed);
         }
         HandleRecords(records, out);
     }
@@ -353,14 +335,10 @@ void WatchTable::Deliver(const Node& node, const std::string& child, uint32_t ma
                          std::vector<WatchNotification>& out) const {
     if (HasControlCharacter(child)) {
         // A name the container chose: passed on, it could forge lines in a requester's log.
-        Framework::Counters::Instance().Add(kBadNameCounter);
-        uint64_t suppressed = 0;
-        if (gBadNameWarn.Allow(suppressed)) {
-            TW_LOG(Logger(), PRIO_WARNING,
-                   "File notify: event in %s dropped: the child's name has control characters "
-                   "(%z bytes; %lu more not logged)",
-                   node.path, child.size(), static_cast<unsigned long>(suppressed));
-        }
+        TW_DEGRADED(gBadName, 1, Logger(), PRIO_WARNING,
+                    "File notify: event in %s dropped: the child's name has control characters "
+                    "(%z bytes)",
+                    node.path, child.size());
         return;
     }
     const uint32_t bits = mask & IN_ALL_EVENTS;
@@ -484,14 +462,9 @@ int WatchTable::Acquire(const Node& node, std::size_t depth, bool directory, uin
         return wd;
     }
     if (error != ENOENT && error != ENOTDIR) {
-        Framework::Counters::Instance().Add(kWatchFailedCounter);
-        uint64_t suppressed = 0;
-        if (gWatchFailedWarn.Allow(suppressed)) {
-            TW_LOG(Logger(), PRIO_WARNING,
-                   "File notify: cannot watch %s (%s in container %s): %s (%lu more not logged)",
-                   node.path, inner, node.scope->Label(), std::string(strerror(error)),
-                   static_cast<unsigned long>(suppressed));
-        }
+        TW_DEGRADED(gWatchFailed, 1, Logger(), PRIO_WARNING,
+                    "File notify: cannot watch %s (%s in container %s): %s", node.path, inner,
+                    node.scope->Label(), std::string(strerror(error)));
     }
     return -error;
 }
@@ -512,21 +485,19 @@ void WatchTable::SetRefused(Node& node, bool refused, int error) {
     node.refused = refused;
     WatchScope& scope = *node.scope;
     if (refused) {
-        if (retryAtMs_ == 0) retryAtMs_ = NowMs() + retryDelayMs_;
+        if (retryAtMs_ == 0) retryAtMs_ = clock_.NowMs() + retryDelayMs_;
         if (scope.refused++ != 0) return;
-        Framework::Counters::Instance().Add(kGapOpenedCounter);
-        TW_LOG(Logger(), PRIO_WARNING,
-               "File notify: coverage gap in %s: the kernel refuses watches (%s); %z of %z "
-               "paths watched, retrying",
-               scope.Label(), std::string(strerror(error)), scope.requested - scope.refused,
-               scope.requested);
+        TW_DEGRADED(gGapOpened, 1, Logger(), PRIO_WARNING,
+                    "File notify: coverage gap in %s: the kernel refuses watches (%s); %z of %z "
+                    "paths watched, retrying",
+                    scope.Label(), std::string(strerror(error)), scope.requested - scope.refused,
+                    scope.requested);
         return;
     }
     if (--scope.refused != 0) return;
-    Framework::Counters::Instance().Add(kGapClosedCounter);
-    TW_LOG(Logger(), PRIO_INFORMATION,
-           "File notify: coverage gap in %s closed: %z of %z paths watched", scope.Label(),
-           scope.requested, scope.requested);
+    TW_DEGRADED(gGapClosed, 1, Logger(), PRIO_INFORMATION,
+                "File notify: coverage gap in %s closed: %z of %z paths watched", scope.Label(),
+                scope.requested, scope.requested);
 }
 
 void WatchTable::Tick(uint64_t nowMs, std::vector<WatchNotification>& out) {
@@ -543,7 +514,7 @@ void WatchTable::Tick(uint64_t nowMs, std::vector<WatchNotification>& out) {
     for (auto& entry : nodes_) {
         Node& node = entry.second;
         if (!node.refused) continue;
-        Framework::Counters::Instance().Add(kRetriedCounter);
+        gRetried.Add();
         Rearm(node);
         // The limit is the kernel's, for all paths alike: no point asking again for the rest.
         if (node.refused) {
@@ -613,14 +584,10 @@ void WatchTable::DropKernelWatch(int wd, std::vector<WatchNotification>& out) {
 }
 
 void WatchTable::ReportOverflow() {
-    Framework::Counters::Instance().Add(kOverflowCounter);
-    uint64_t suppressed = 0;
-    if (!gOverflowWarn.Allow(suppressed)) return;
-    TW_LOG(Logger(), PRIO_WARNING,
-           "File notify: inotify queue overflowed, events were lost; watches re-synchronised "
-           "(%lu overflows, %lu more not logged)",
-           static_cast<unsigned long>(Framework::Counters::Instance().Value(kOverflowCounter)),
-           static_cast<unsigned long>(suppressed));
+    TW_DEGRADED(gOverflow, 1, Logger(), PRIO_WARNING,
+                "File notify: inotify queue overflowed, events were lost; watches "
+                "re-synchronised (%lu overflows)",
+                static_cast<unsigned long>(gOverflow.Value() + 1));
 }
 
 }  // namespace Engine

@@ -5,19 +5,14 @@
 #include <unistd.h>
 
 #include <cerrno>
-#include <chrono>
 #include <cstring>
+
+#include "sdk/TimeUtils.h"
 
 namespace Engine {
 
 namespace {
 constexpr int kReplyTimeoutMs = 2000;
-
-uint64_t NowMs() {
-    return static_cast<uint64_t>(std::chrono::duration_cast<std::chrono::milliseconds>(
-                                     std::chrono::steady_clock::now().time_since_epoch())
-                                     .count());
-}
 
 std::string ErrorText(int rc) { return std::strerror(rc < 0 ? -rc : rc); }
 
@@ -27,7 +22,7 @@ bool NextReply(int fd, audit_reply& rep, uint64_t deadlineMs) {
         const int rc = audit_get_reply(fd, &rep, GET_REPLY_NONBLOCKING, 0);
         if (rc > 0) return true;
         if (rc != -EAGAIN && rc != 0) return false;
-        const uint64_t now = NowMs();
+        const uint64_t now = SDK::TimeUtils::GetMonotonicMs();
         if (now >= deadlineMs) return false;
         pollfd pfd{fd, POLLIN, 0};
         ::poll(&pfd, 1, static_cast<int>(deadlineMs - now));
@@ -117,18 +112,23 @@ void AuditRuleClient::Drain() {
     }
 }
 
-bool AuditRuleClient::GetStatus(Status& status, std::string& error) {
+bool AuditRuleClient::SendRequest(int (*request)(int), const char* what, std::string& error) {
     if (fd_ < 0) {
         error = "audit control socket not open";
         return false;
     }
-    Drain();
-    const int rc = audit_request_status(fd_);
+    Drain();  // replies to an earlier request that timed out must not be taken for this one's
+    const int rc = request(fd_);
     if (rc <= 0) {
-        error = "status request failed: " + ErrorText(rc);
+        error = std::string(what) + " request failed: " + ErrorText(rc);
         return false;
     }
-    const uint64_t deadline = NowMs() + kReplyTimeoutMs;
+    return true;
+}
+
+bool AuditRuleClient::GetStatus(Status& status, std::string& error) {
+    if (!SendRequest(audit_request_status, "status", error)) return false;
+    const uint64_t deadline = SDK::TimeUtils::GetMonotonicMs() + kReplyTimeoutMs;
     audit_reply rep;
     while (NextReply(fd_, rep, deadline)) {
         if (rep.type == NLMSG_ERROR && rep.error->error != 0) {
@@ -193,17 +193,8 @@ int AuditRuleClient::AddWatch(const AuditWatchRule& rule) { return SendRule(rule
 int AuditRuleClient::DeleteWatch(const AuditWatchRule& rule) { return SendRule(rule, false); }
 
 bool AuditRuleClient::ListRaw(std::vector<std::string>& rules, std::string& error) {
-    if (fd_ < 0) {
-        error = "audit control socket not open";
-        return false;
-    }
-    Drain();
-    const int rc = audit_request_rules_list_data(fd_);
-    if (rc <= 0) {
-        error = "rule list request failed: " + ErrorText(rc);
-        return false;
-    }
-    const uint64_t deadline = NowMs() + kReplyTimeoutMs;
+    if (!SendRequest(audit_request_rules_list_data, "rule list", error)) return false;
+    const uint64_t deadline = SDK::TimeUtils::GetMonotonicMs() + kReplyTimeoutMs;
     audit_reply rep;
     while (NextReply(fd_, rep, deadline)) {
         if (rep.type == NLMSG_DONE) return true;

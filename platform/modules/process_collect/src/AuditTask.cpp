@@ -4,11 +4,10 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <chrono>
 #include <cstdlib>
 #include <cstring>
 
-#include "framework/Counters.h"
+#include "framework/DegradedCounter.h"
 #include "framework/TaskCondition.h"
 #include "process_collect/AuditEventBuilder.h"
 #include "process_collect/AuditPathResolver.h"
@@ -25,8 +24,10 @@ constexpr unsigned int kQueueCapacity = 4096;
 constexpr int kBatch = 128;
 constexpr int kIdleWaitMs = 200;
 constexpr int kSettlePollMs = 20;
-constexpr int kMaxDatagramsPerWake = 512;
 constexpr int kReceiveBuffer = 8 * 1024 * 1024;
+// Records read but not yet joined (a few hundred bytes each), and how many a turn takes.
+constexpr std::size_t kMaxWaitingRecords = 65536;
+constexpr std::size_t kRecordsPerTurn = 1024;
 constexpr std::size_t kMaxPendingEvents = 1024;
 constexpr std::size_t kMaxRecordsPerEvent = 64;
 constexpr uint64_t kStaleEventMs = 2000;
@@ -41,23 +42,19 @@ constexpr int64_t kDefaultLostPollMs = 1000;
 constexpr int64_t kDefaultRuleCheckMs = 1000;
 constexpr const char* kDefaultLedger = "/var/lib/tarnwick/audit-rules.json";
 
-constexpr const char* kCounterLost = "audit.lost";
-constexpr const char* kCounterOverrun = "audit.socket_overrun";
-constexpr const char* kCounterMalformed = "audit.records.malformed";
-constexpr const char* kCounterEvicted = "audit.events.evicted";
-constexpr const char* kCounterPathless = "audit.events.pathless";
-constexpr const char* kCounterSettleOverflow = "audit.settle.overflow";
-constexpr const char* kCounterRejected = "audit.rules.rejected";
-constexpr const char* kCounterRestored = "audit.rules.restored";
-constexpr const char* kCounterUnresolved = "audit.events.unresolved";
-constexpr const char* kCounterVanished = "audit.settle.vanished";
-constexpr const char* kCounterCloseOverflow = "audit.close_events.overflow";
-
-uint64_t NowMs() {
-    return static_cast<uint64_t>(std::chrono::duration_cast<std::chrono::milliseconds>(
-                                     std::chrono::steady_clock::now().time_since_epoch())
-                                     .count());
-}
+Framework::DegradedCounter gLost("audit.lost", kLogIntervalMs);
+Framework::DegradedCounter gMalformed("audit.records.malformed", kLogIntervalMs);
+Framework::DegradedCounter gEvicted("audit.events.evicted");
+Framework::DegradedCounter gPathless("audit.events.pathless");
+Framework::DegradedCounter gSettleOverflow("audit.settle.overflow");
+Framework::DegradedCounter gRejected("audit.rules.rejected", 0);
+// Every restored rule is told: it means someone removes the agent's rules.
+Framework::DegradedCounter gRestored("audit.rules.restored", 0);
+Framework::DegradedCounter gRuleTrouble("audit.rules.failed", kLogIntervalMs);
+Framework::DegradedCounter gUnresolved("audit.events.unresolved");
+Framework::DegradedCounter gVanished("audit.settle.vanished");
+Framework::DegradedCounter gCloseOverflow("audit.close_events.overflow", kLogIntervalMs);
+Framework::DegradedCounter gUndelivered("audit.deliver.dropped", 0);
 
 int64_t Setting(const std::string& key, int64_t def, int64_t minimum) {
     const int64_t value = SDK::ConfigUtils::GetInt(key, def);
@@ -77,9 +74,12 @@ std::string RuleText(const AuditWatchRule& rule) {
 AuditTask::AuditTask()
     : Framework::Task(kTaskName, "process_collect", Framework::TaskCondition::TASK_TYPE_MESSAGE,
                       kQueueCapacity),
-      malformedLog_(kLogIntervalMs),
-      lostLog_(kLogIntervalMs),
-      ruleLog_(kLogIntervalMs) {}
+      reader_(kMaxWaitingRecords) {
+    LoopSettings loop;
+    loop.waitMs = kIdleWaitMs;
+    loop.batch = kBatch;
+    SetLoopSettings(loop);
+}
 
 AuditTask::~AuditTask() = default;
 
@@ -104,10 +104,10 @@ int AuditTask::Init() {
                                        }));
     SetUpAudit();
     std::string error;
-    if (!events_.Open(kReceiveBuffer, error)) {
+    if (!reader_.Start(kReceiveBuffer, error)) {
         TW_LOG(logger_, PRIO_ERROR, "Audit task cannot read audit events: %s", error);
     } else {
-        GetEventWaiter().AddFd(events_.Fd(), [this](int, uint32_t) { OnReadable(); });
+        GetEventWaiter().AddFd(reader_.WakeFd(), [this](int, uint32_t) { OnRecordsWaiting(); });
     }
     if (!closes_.Open(error)) {
         TW_LOG(logger_, PRIO_WARNING,
@@ -185,11 +185,8 @@ void AuditTask::SaveLedger() {
     for (const auto& entry : rules_) rules.push_back(entry.rule);
     std::string error;
     if (!ledger_->Save(rules, error)) {
-        uint64_t suppressed = 0;
-        if (ruleLog_.Allow(suppressed)) {
-            TW_LOG(logger_, PRIO_WARNING,
-                   "Audit task cannot remember its rules (a restart would leave them): %s", error);
-        }
+        TW_DEGRADED(gRuleTrouble, 1, logger_, PRIO_WARNING,
+                    "Audit task cannot remember its rules (a restart would leave them): %s", error);
     }
 }
 
@@ -198,39 +195,31 @@ void AuditTask::UnInit() {
     if (settler_) settler_->ReleaseAll(held);
     DeliverAll(held);
     if (outbox_ && outbox_->Flush() > 0) {
-        Framework::Counters::Instance().Add("audit.deliver.dropped", outbox_->Held());
-        TW_LOG(logger_, PRIO_WARNING, "Audit task stops with %z events its subscribers never took",
-               outbox_->Held());
+        TW_DEGRADED(gUndelivered, outbox_->Held(), logger_, PRIO_WARNING,
+                    "Audit task stops with %z events its subscribers never took", outbox_->Held());
     }
     for (const auto& entry : rules_) DeleteEntry(entry);
     rules_.clear();
     SaveLedger();
     if (closes_.IsOpen()) GetEventWaiter().RemoveFd(closes_.Fd());
-    if (events_.Fd() >= 0) GetEventWaiter().RemoveFd(events_.Fd());
-    events_.Close();
+    if (reader_.IsRunning()) GetEventWaiter().RemoveFd(reader_.WakeFd());
+    reader_.Stop();
     client_.Close();
     TW_LOG(logger_, PRIO_INFORMATION, "Audit task stopped");
     Framework::Task::UnInit();
 }
 
-int AuditTask::Run() {
-    while (!isCancelled()) {
-        int waitMs = settler_->Held() > 0 ? kSettlePollMs : kIdleWaitMs;
-        if (outbox_->Flush() > 0) waitMs = kOutboxRetryMs;
-        if (GetEventWaiter().WaitAndHandleEvent(waitMs, kBatch) == -1) BulkConsumeMsg(kBatch);
-        Housekeeping(NowMs());
-    }
-    return 0;
+int AuditTask::NextWaitMs() {
+    // Events held for busy subscribers are offered again soon; held writes settle by time.
+    if (outbox_->Flush() > 0) return kOutboxRetryMs;
+    return settler_->Held() > 0 ? kSettlePollMs : kIdleWaitMs;
 }
 
-void AuditTask::Housekeeping(uint64_t nowMs) {
+void AuditTask::OnTurn(uint64_t nowMs) {
     std::vector<EventSettler::EventPtr> ready;
     const uint64_t vanishedBefore = settler_->Vanished();
     settler_->Poll(nowMs, ready);
-    if (settler_->Vanished() != vanishedBefore) {
-        Framework::Counters::Instance().Add(kCounterVanished,
-                                            settler_->Vanished() - vanishedBefore);
-    }
+    gVanished.Add(settler_->Vanished() - vanishedBefore);
     DeliverAll(ready);
     if (nowMs - lastFlushMs_ >= kStaleEventMs / 2) {
         lastFlushMs_ = nowMs;
@@ -262,17 +251,14 @@ void AuditTask::VerifyRules() {
         if (::stat(entry.rule.path.c_str(), &st) != 0) continue;
         const int rc = client_.AddWatch(entry.rule);
         if (rc != 0 && rc != -EEXIST) {
-            uint64_t suppressed = 0;
-            if (ruleLog_.Allow(suppressed)) {
-                TW_LOG(logger_, PRIO_WARNING, "Audit rule %s is gone and cannot be added again: %s",
-                       RuleText(entry.rule), std::string(std::strerror(-rc)));
-            }
+            TW_DEGRADED(gRuleTrouble, 1, logger_, PRIO_WARNING,
+                        "Audit rule %s is gone and cannot be added again: %s", RuleText(entry.rule),
+                        std::string(std::strerror(-rc)));
             continue;
         }
-        Framework::Counters::Instance().Add(kCounterRestored);
-        TW_LOG(logger_, PRIO_WARNING,
-               "Audit rule %s was removed behind the agent's back; added again",
-               RuleText(entry.rule));
+        TW_DEGRADED(gRestored, 1, logger_, PRIO_WARNING,
+                    "Audit rule %s was removed behind the agent's back; added again",
+                    RuleText(entry.rule));
     }
 }
 
@@ -283,34 +269,19 @@ void AuditTask::PollLostCounter() {
     if (!client_.GetStatus(status, error)) return;
     if (lostKnown_ && status.lost > lastLost_) {
         const uint32_t lost = status.lost - lastLost_;
-        Framework::Counters::Instance().Add(kCounterLost, lost);
-        uint64_t suppressed = 0;
-        if (lostLog_.Allow(suppressed)) {
-            TW_LOG(logger_, PRIO_WARNING,
-                   "Audit kernel lost %u records (lost counter now %u, %lu reports not logged)",
-                   static_cast<unsigned int>(lost), static_cast<unsigned int>(status.lost),
-                   static_cast<unsigned long>(suppressed));
-        }
+        TW_DEGRADED(gLost, lost, logger_, PRIO_WARNING,
+                    "Audit kernel lost %u records (lost counter now %u)",
+                    static_cast<unsigned int>(lost), static_cast<unsigned int>(status.lost));
     }
     lastLost_ = status.lost;
     lostKnown_ = true;
 }
 
-void AuditTask::OnReadable() {
-    uint64_t overruns = 0;
-    events_.ReadAvailable(
-        kMaxDatagramsPerWake,
-        [this](int type, const char* text, std::size_t len) { OnRecord(type, text, len); },
-        overruns);
-    if (overruns == 0) return;
-    Framework::Counters::Instance().Add(kCounterOverrun, overruns);
-    uint64_t suppressed = 0;
-    if (lostLog_.Allow(suppressed)) {
-        TW_LOG(logger_, PRIO_WARNING,
-               "Audit socket overrun: records lost before the task read them (%lu reports not "
-               "logged)",
-               static_cast<unsigned long>(suppressed));
-    }
+void AuditTask::OnRecordsWaiting() {
+    std::vector<AuditReader::Record> records;
+    reader_.Take(records, kRecordsPerTurn);
+    for (const auto& record : records)
+        OnRecord(record.type, record.text.data(), record.text.size());
 }
 
 void AuditTask::OnClosesReadable() {
@@ -318,14 +289,8 @@ void AuditTask::OnClosesReadable() {
     uint64_t overflows = 0;
     closes_.Read(closed, overflows);
     if (overflows > 0) {
-        Framework::Counters::Instance().Add(kCounterCloseOverflow, overflows);
-        uint64_t suppressed = 0;
-        if (lostLog_.Allow(suppressed)) {
-            TW_LOG(logger_, PRIO_WARNING,
-                   "Close-write queue overflowed: held writes wait for their quiet period (%lu "
-                   "reports not logged)",
-                   static_cast<unsigned long>(suppressed));
-        }
+        TW_DEGRADED(gCloseOverflow, overflows, logger_, PRIO_WARNING,
+                    "Close-write queue overflowed: held writes wait for their quiet period");
     }
     const uint64_t now = NowMs();
     std::vector<EventSettler::EventPtr> ready;
@@ -346,29 +311,17 @@ void AuditTask::OnClosesReadable() {
 
 void AuditTask::OnRecord(int type, const char* text, std::size_t len) {
     if (rules_.empty()) return;  // nobody subscribed: nothing to join
-    if (type != AuditRecordType::kSyscall && type != AuditRecordType::kPath &&
-        type != AuditRecordType::kCwd && type != AuditRecordType::kEoe &&
-        type != AuditRecordType::kProctitle && type != AuditRecordType::kOpenat2) {
-        return;
-    }
     AuditRecord record;
     std::string error;
     if (!AuditRecordParser::Parse(type, text, len, record, error)) {
-        Framework::Counters::Instance().Add(kCounterMalformed);
-        uint64_t suppressed = 0;
-        if (malformedLog_.Allow(suppressed)) {
-            TW_LOG(logger_, PRIO_WARNING,
-                   "Audit record of type %d dropped: %s (%lu more not logged)", type, error,
-                   static_cast<unsigned long>(suppressed));
-        }
+        TW_DEGRADED(gMalformed, 1, logger_, PRIO_WARNING, "Audit record of type %d dropped: %s",
+                    type, error);
         return;
     }
     std::vector<JoinedAuditEvent> done;
     const uint64_t evictedBefore = joiner_->Evicted();
     joiner_->Add(std::move(record), NowMs(), done);
-    if (joiner_->Evicted() != evictedBefore) {
-        Framework::Counters::Instance().Add(kCounterEvicted, joiner_->Evicted() - evictedBefore);
-    }
+    gEvicted.Add(joiner_->Evicted() - evictedBefore);
     HandleJoined(done);
 }
 
@@ -383,13 +336,12 @@ void AuditTask::HandleJoined(std::vector<JoinedAuditEvent>& events) {
             event->key = key;
             std::string error;
             if (!AuditEventBuilder::Build(joined, RootsOf(key), *event->syscall, error)) {
-                Framework::Counters::Instance().Add(kCounterMalformed);
-                TW_LOG(logger_, PRIO_WARNING, "Audit event %lu dropped: %s",
-                       static_cast<unsigned long>(joined.serial), error);
+                TW_DEGRADED(gMalformed, 1, logger_, PRIO_WARNING, "Audit event %lu dropped: %s",
+                            static_cast<unsigned long>(joined.serial), error);
                 continue;
             }
             if (event->syscall->paths.empty()) {
-                Framework::Counters::Instance().Add(kCounterPathless);
+                gPathless.Add();
                 TW_LOG(logger_, PRIO_DEBUG, "Audit event %lu of key %s names no path",
                        static_cast<unsigned long>(joined.serial), key);
                 continue;
@@ -398,7 +350,7 @@ void AuditTask::HandleJoined(std::vector<JoinedAuditEvent>& events) {
             const RuleEntry* entry = EntryOf(key);
             if (entry != nullptr && entry->root && entry->root->IsOpen()) {
                 if (!AuditPathResolver::Resolve(*entry->root, *event->syscall)) {
-                    Framework::Counters::Instance().Add(kCounterUnresolved);
+                    gUnresolved.Add();
                     TW_LOG(logger_, PRIO_DEBUG,
                            "Audit event %lu of key %s names nothing that exists in its root",
                            static_cast<unsigned long>(joined.serial), key);
@@ -413,9 +365,7 @@ void AuditTask::HandleJoined(std::vector<JoinedAuditEvent>& events) {
             std::vector<EventSettler::EventPtr> early;
             const uint64_t overflowsBefore = settler_->Overflows();
             settler_->Hold(std::move(event), now, early);
-            if (settler_->Overflows() != overflowsBefore) {
-                Framework::Counters::Instance().Add(kCounterSettleOverflow);
-            }
+            gSettleOverflow.Add(settler_->Overflows() - overflowsBefore);
             DeliverAll(early);
         }
     }
@@ -491,9 +441,8 @@ int AuditTask::Receive(const AuditFileSystemCtrlMessage& msg) {
     } else if (msg.ruleOption == "-W") {
         DeleteRule(msg);
     } else {
-        Framework::Counters::Instance().Add(kCounterRejected);
-        TW_LOG(logger_, PRIO_WARNING, "Audit rule request with unknown option '%s' dropped",
-               msg.ruleOption);
+        TW_DEGRADED(gRejected, 1, logger_, PRIO_WARNING,
+                    "Audit rule request with unknown option '%s' dropped", msg.ruleOption);
     }
     return 0;
 }
@@ -502,17 +451,15 @@ void AuditTask::AddRule(const AuditFileSystemCtrlMessage& msg) {
     AuditWatchRule rule;
     std::string error;
     if (!AuditWatchRule::Parse(msg.ruleArgument, msg.ruleKey, rule, error)) {
-        Framework::Counters::Instance().Add(kCounterRejected);
-        TW_LOG(logger_, PRIO_WARNING, "Audit rule '%s' key '%s' dropped: %s", msg.ruleArgument,
-               msg.ruleKey, error);
+        TW_DEGRADED(gRejected, 1, logger_, PRIO_WARNING, "Audit rule '%s' key '%s' dropped: %s",
+                    msg.ruleArgument, msg.ruleKey, error);
         return;
     }
     // The name taken when the request was built: its sender may already be gone.
     const std::string subscriber = msg.requester;
     if (subscriber.empty()) {
-        Framework::Counters::Instance().Add(kCounterRejected);
-        TW_LOG(logger_, PRIO_WARNING, "Audit rule %s dropped: request without sender",
-               RuleText(rule));
+        TW_DEGRADED(gRejected, 1, logger_, PRIO_WARNING,
+                    "Audit rule %s dropped: request without sender", RuleText(rule));
         return;
     }
     for (auto& entry : rules_) {
@@ -524,9 +471,8 @@ void AuditTask::AddRule(const AuditFileSystemCtrlMessage& msg) {
     rule.directory = IsDirectory(rule.path);
     const int rc = client_.AddWatch(rule);
     if (rc != 0 && rc != -EEXIST) {
-        Framework::Counters::Instance().Add(kCounterRejected);
-        TW_LOG(logger_, PRIO_WARNING, "Audit rule %s refused: %s", RuleText(rule),
-               std::string(std::strerror(-rc)));
+        TW_DEGRADED(gRejected, 1, logger_, PRIO_WARNING, "Audit rule %s refused: %s",
+                    RuleText(rule), std::string(std::strerror(-rc)));
         return;
     }
     RuleEntry entry{rule, subscriber, nullptr, false};
@@ -551,9 +497,9 @@ void AuditTask::DeleteRule(const AuditFileSystemCtrlMessage& msg) {
     AuditWatchRule rule;
     std::string error;
     if (!AuditWatchRule::Parse(msg.ruleArgument, msg.ruleKey, rule, error)) {
-        Framework::Counters::Instance().Add(kCounterRejected);
-        TW_LOG(logger_, PRIO_WARNING, "Audit rule deletion '%s' key '%s' dropped: %s",
-               msg.ruleArgument, msg.ruleKey, error);
+        TW_DEGRADED(gRejected, 1, logger_, PRIO_WARNING,
+                    "Audit rule deletion '%s' key '%s' dropped: %s", msg.ruleArgument, msg.ruleKey,
+                    error);
         return;
     }
     for (auto it = rules_.begin(); it != rules_.end(); ++it) {

@@ -108,27 +108,21 @@ std::vector<std::unique_ptr<SinkWorker>> MakeWorkers() {
 }
 }  // namespace
 
-DataCommModule::DataCommModule() : Framework::Module(kModuleName) {}
+DataCommModule::DataCommModule()
+    : Framework::SingleTaskModule(kModuleName,
+                                  [] { return new DataCommReportTask(MakeWorkers()); }) {}
 
 int DataCommModule::Init() {
     if (!ReopenSignal::Install()) {
         TW_LOG(ReportLogger(), PRIO_WARNING,
                "Alarm outputs: SIGHUP not hooked, outputs are not reopened on it");
     }
-    if (RegisterTask(new DataCommReportTask(MakeWorkers()), false) != 0) {
-        TW_LOG(ReportLogger(), PRIO_ERROR, "Alarm outputs: task %s not registered",
-               std::string(DataCommReportTask::kTaskName));
-        return -1;
-    }
-    registered_ = true;
-    return Framework::Module::Init();
+    return Framework::SingleTaskModule::Init();
 }
 
 void DataCommModule::UnInit() {
-    if (registered_) UnRegisterTask(DataCommReportTask::kTaskName);
-    registered_ = false;
+    Framework::SingleTaskModule::UnInit();
     ReopenSignal::Uninstall();
-    Framework::Module::UnInit();
 }
 
 }  // namespace Report

@@ -4,7 +4,7 @@
 
 #include "framework/Counters.h"
 #include "framework/DataMessage.h"
-#include "framework/RateLimiter.h"
+#include "framework/DegradedCounter.h"
 #include "report/ReopenSignal.h"
 #include "report/ReportLog.h"
 #include "sdk/Log.h"
@@ -17,10 +17,8 @@ constexpr int kWaitMs = 200;  // bounds how late a SIGHUP reopen happens
 constexpr int kBulk = 256;
 constexpr int kMaxJsonDepth = 64;
 
-Framework::RateLimiter& InvalidLimiter() {
-    static Framework::RateLimiter limiter(10000);
-    return limiter;
-}
+Framework::DegradedCounter gInvalid("report.alarms.invalid", 10000);
+Framework::DegradedCounter gNoOutput("report.alarms.no_output");
 }  // namespace
 
 std::string ToSingleLine(const std::string& document) {
@@ -34,7 +32,13 @@ std::string ToSingleLine(const std::string& document) {
 DataCommReportTask::DataCommReportTask(std::vector<std::unique_ptr<SinkWorker>> workers)
     : Framework::Task(kTaskName, "data_comm_feature", Framework::TaskCondition::TASK_TYPE_MESSAGE,
                       kQueueCapacity),
-      workers_(std::move(workers)) {}
+      workers_(std::move(workers)) {
+    LoopSettings loop;
+    loop.waitMs = kWaitMs;
+    loop.maxEvents = 16;
+    loop.batch = kBulk;
+    SetLoopSettings(loop);
+}
 
 int DataCommReportTask::Init() {
     if (workers_.empty()) {
@@ -53,15 +57,7 @@ void DataCommReportTask::UnInit() {
     Framework::Task::UnInit();
 }
 
-int DataCommReportTask::Run() {
-    while (!isCancelled()) {
-        ReopenIfRequested();
-        if (GetEventWaiter().WaitAndHandleEvent(kWaitMs, 16) == -1) BulkConsumeMsg(kBulk);
-    }
-    return 0;
-}
-
-void DataCommReportTask::ReopenIfRequested() {
+void DataCommReportTask::OnTurn(uint64_t) {
     if (!ReopenSignal::Take()) return;
     for (auto& worker : workers_) worker->RequestReopen();
 }
@@ -89,16 +85,12 @@ int DataCommReportTask::HandleMsg(const Framework::Message* msg) {
     Framework::Counters::Instance().Add("report.alarms.received");
     const std::string line = ToSingleLine(data->GetData());
     if (!IsJsonObject(line)) {
-        Framework::Counters::Instance().Add("report.alarms.invalid");
-        uint64_t suppressed = 0;
-        if (InvalidLimiter().Allow(suppressed)) {
-            TW_LOG(ReportLogger(), PRIO_ERROR,
-                   "Alarm dropped: not a JSON object (%z bytes, starts '%s'); %lu more suppressed",
-                   line.size(), line.substr(0, 60), static_cast<unsigned long>(suppressed));
-        }
+        TW_DEGRADED(gInvalid, 1, ReportLogger(), PRIO_ERROR,
+                    "Alarm dropped: not a JSON object (%z bytes, starts '%s')", line.size(),
+                    line.substr(0, 60));
         return 0;
     }
-    if (workers_.empty()) Framework::Counters::Instance().Add("report.alarms.no_output");
+    if (workers_.empty()) gNoOutput.Add();
     for (auto& worker : workers_) worker->Offer(line);
     return 0;
 }

@@ -9,7 +9,7 @@
 #include <cerrno>
 #include <cstring>
 
-#include "framework/Counters.h"
+#include "framework/DegradedCounter.h"
 #include "report/ReportLog.h"
 #include "sdk/Log.h"
 
@@ -19,6 +19,10 @@ namespace {
 constexpr const char* kStdout = "-";
 // How long the rest of a line begun on a pipe may take before it is left for the next turn.
 constexpr int kStreamLineWaitMs = 200;
+
+Framework::DegradedCounter gPartialLost("report.file.lost.partial_line", 0);
+Framework::DegradedCounter gReopened("report.file.reopened", 0);
+Framework::DegradedCounter gPartialLeft("report.file.partial_line_left");
 
 std::string ErrnoText(const std::string& what) { return what + ": " + std::strerror(errno); }
 
@@ -37,9 +41,8 @@ FileSink::FileSink(const std::string& path) : path_(path) {
 
 FileSink::~FileSink() {
     if (!streamRest_.empty()) {
-        Framework::Counters::Instance().Add("report.file.lost.partial_line");
-        TW_LOG(ReportLogger(), PRIO_ERROR, "Alarm file %s: the end of one alarm not written",
-               path_);
+        TW_DEGRADED(gPartialLost, 1, ReportLogger(), PRIO_ERROR,
+                    "Alarm file %s: the end of one alarm not written", path_);
     }
     Close();
 }
@@ -90,9 +93,8 @@ void FileSink::Poll() {
         return;
     }
     if (replaced) {
-        Framework::Counters::Instance().Add("report.file.reopened");
-        TW_LOG(ReportLogger(), PRIO_WARNING,
-               "Alarm file %s was deleted, moved or replaced; opened it anew", path_);
+        TW_DEGRADED(gReopened, 1, ReportLogger(), PRIO_WARNING,
+                    "Alarm file %s was deleted, moved or replaced; opened it anew", path_);
     } else {
         TW_LOG(ReportLogger(), PRIO_INFORMATION, "Alarm file %s reopened", path_);
     }
@@ -134,7 +136,7 @@ DeliveryResult FileSink::WriteRegular(const std::string& data, std::size_t lines
         static_cast<std::size_t>(std::count(data.begin(), data.begin() + keep, '\n'));
     if (written > keep && ::ftruncate(fd_, st.st_size + static_cast<off_t>(keep)) != 0) {
         result.error += "; " + ErrnoText("cannot take back the partial line");
-        Framework::Counters::Instance().Add("report.file.partial_line_left");
+        gPartialLeft.Add();
     }
     return result;
 }

@@ -14,10 +14,21 @@ constexpr int kFirstBackoffMs = 100;
 constexpr std::size_t kBatchBytes = 1u << 20;
 // At shutdown the sink gets this long to take what is spooled; the rest waits for next start.
 constexpr auto kDrainTime = std::chrono::seconds(3);
+constexpr uint64_t kWarnIntervalMs = 10000;
+
+std::string CounterName(const Sink& sink, const char* what) {
+    return "report." + sink.Name() + "." + what;
+}
 }  // namespace
 
 SinkWorker::SinkWorker(std::unique_ptr<Sink> sink, std::unique_ptr<Spool> spool)
-    : sink_(std::move(sink)), spool_(std::move(spool)) {}
+    : sink_(std::move(sink)),
+      spool_(std::move(spool)),
+      overflow_(CounterName(*sink_, "spool.overflow"), kWarnIntervalMs),
+      spoolFailed_(CounterName(*sink_, "spool.failed"), kWarnIntervalMs),
+      corrupt_(CounterName(*sink_, "spool.corrupt"), 0),
+      rejected_(CounterName(*sink_, "rejected"), 0),
+      attemptsFailed_(CounterName(*sink_, "attempts_failed"), kWarnIntervalMs) {}
 
 SinkWorker::~SinkWorker() {
     {
@@ -38,18 +49,20 @@ void SinkWorker::Start() {
     if (!thread_.joinable()) thread_ = std::thread([this] { Loop(); });
 }
 
-std::string SinkWorker::Counter(const char* what) const {
-    return "report." + sink_->Name() + "." + what;
-}
+std::string SinkWorker::Counter(const char* what) const { return CounterName(*sink_, what); }
 
 bool SinkWorker::Offer(const std::string& line) {
     const Spool::AppendResult result = spool_->Append(line);
     if (result == Spool::AppendResult::kOverflow) {
-        CountLoss("spool.overflow", "spool " + spool_->Dir() + " is full");
+        TW_DEGRADED(overflow_, 1, ReportLogger(), PRIO_ERROR,
+                    "Alarm output %s: alarm lost (spool.overflow): spool %s is full", sink_->Name(),
+                    spool_->Dir());
         return false;
     }
     if (result == Spool::AppendResult::kFailed) {
-        CountLoss("spool.failed", spool_->LastError());
+        TW_DEGRADED(spoolFailed_, 1, ReportLogger(), PRIO_ERROR,
+                    "Alarm output %s: alarm lost (spool.failed): %s", sink_->Name(),
+                    spool_->LastError());
         return false;
     }
     {
@@ -58,15 +71,6 @@ bool SinkWorker::Offer(const std::string& line) {
     }
     wakeCv_.notify_one();
     return true;
-}
-
-void SinkWorker::CountLoss(const char* reason, const std::string& detail) {
-    Framework::Counters::Instance().Add(Counter(reason));
-    uint64_t suppressed = 0;
-    if (!lossLog_.Allow(suppressed)) return;
-    TW_LOG(ReportLogger(), PRIO_ERROR,
-           "Alarm output %s: alarm lost (%s): %s; %lu more such messages suppressed", sink_->Name(),
-           std::string(reason), detail, static_cast<unsigned long>(suppressed));
 }
 
 // What waits for this output, next to the loss counters in the agent's status line.
@@ -105,9 +109,9 @@ bool SinkWorker::DeliverOnce(std::string& error) {
     uint64_t corrupt = 0;
     const std::vector<std::string> batch = spool_->Peek(sink_->BatchLines(), kBatchBytes, corrupt);
     if (corrupt > 0) {
-        Framework::Counters::Instance().Add(Counter("spool.corrupt"), corrupt);
-        TW_LOG(ReportLogger(), PRIO_ERROR, "Alarm output %s: %lu damaged lines in spool %s skipped",
-               sink_->Name(), static_cast<unsigned long>(corrupt), spool_->Dir());
+        TW_DEGRADED(corrupt_, corrupt, ReportLogger(), PRIO_ERROR,
+                    "Alarm output %s: %lu damaged lines in spool %s skipped", sink_->Name(),
+                    static_cast<unsigned long>(corrupt), spool_->Dir());
     }
     if (batch.empty()) return true;
     const DeliveryResult result = sink_->Deliver(batch);
@@ -118,9 +122,9 @@ bool SinkWorker::DeliverOnce(std::string& error) {
         Framework::Counters::Instance().Add(sink_->DeliveredCounter(), result.delivered);
     }
     if (result.rejected > 0) {
-        Framework::Counters::Instance().Add(Counter("rejected"), result.rejected);
-        TW_LOG(ReportLogger(), PRIO_ERROR, "Alarm output %s: %z alarms refused by %s: %s",
-               sink_->Name(), result.rejected, sink_->Target(), result.error);
+        TW_DEGRADED(rejected_, result.rejected, ReportLogger(), PRIO_ERROR,
+                    "Alarm output %s: %z alarms refused by %s: %s", sink_->Name(), result.rejected,
+                    sink_->Target(), result.error);
     }
     return done == batch.size();
 }
@@ -156,18 +160,12 @@ void SinkWorker::Loop() {
         }
         failing_ = true;
         ++failingSince_;
-        Framework::Counters::Instance().Add(Counter("attempts_failed"));
         backoffMs_ =
             backoffMs_ == 0 ? kFirstBackoffMs : std::min(backoffMs_ * 2, sink_->MaxBackoffMs());
-        uint64_t suppressed = 0;
-        if (failureLog_.Allow(suppressed)) {
-            TW_LOG(ReportLogger(), PRIO_WARNING,
-                   "Alarm output %s (%s) failing: %s; %lu bytes spooled, retry in %d ms "
-                   "(%lu warnings suppressed)",
-                   sink_->Name(), sink_->Target(), error,
-                   static_cast<unsigned long>(spool_->PendingBytes()), backoffMs_,
-                   static_cast<unsigned long>(suppressed));
-        }
+        TW_DEGRADED(attemptsFailed_, 1, ReportLogger(), PRIO_WARNING,
+                    "Alarm output %s (%s) failing: %s; %lu bytes spooled, retry in %d ms",
+                    sink_->Name(), sink_->Target(), error,
+                    static_cast<unsigned long>(spool_->PendingBytes()), backoffMs_);
     }
     // Shutdown: whatever the sink takes in a bounded time; no retry delays now.
     const auto deadline = Clock::now() + kDrainTime;

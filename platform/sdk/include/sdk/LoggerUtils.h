@@ -18,7 +18,8 @@ public:
     static LoggerUtils* GetInstance();
 
     /// Installs `channel` (takes a reference) and `level` (Poco priority 1..8) on the root logger
-    /// and on every module logger created so far.
+    /// and on every module logger created so far. Records reach `channel` through a
+    /// LogEscapingChannel: control bytes in their text arrive escaped, one record one line.
     void Configure(Poco::Channel* channel, int level);
     /// Parses a level name ("error", "warning", "information", "debug", "trace", ...) or number;
     /// -1 when it is neither.

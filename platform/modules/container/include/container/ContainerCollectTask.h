@@ -40,7 +40,6 @@ public:
     int Init() override;
     /// Stops the event stream and joins its thread.
     void UnInit() override;
-    int Run() override;
 
     /// Adds or removes the sender as a subscriber; a new subscriber gets the replay.
     int Receive(const ContainerRegisterMessage& msg) override;
@@ -49,6 +48,8 @@ public:
 
 protected:
     ~ContainerCollectTask() override;
+    /// Sends notifications held back at start-up and resynchronises when asked or due.
+    void OnTurn(uint64_t nowMs) override;
 
 private:
     void OnStreamConnected();

@@ -1,20 +1,15 @@
 #pragma once
 
-#include "framework/Module.h"
+#include "framework/SingleTaskModule.h"
 
 namespace Engine {
 
 /// The file-notify service: owns "filenotify_task" from Init to UnInit.
-class FileNotifyModule : public Framework::Module {
+class FileNotifyModule : public Framework::SingleTaskModule {
 public:
     static constexpr const char* kModuleName = "filenotify_module";
 
     FileNotifyModule();
-    int Init() override;
-    void UnInit() override;
-
-private:
-    bool registered_ = false;
 };
 
 }  // namespace Engine

@@ -38,12 +38,17 @@ public:
 
     int Init() override;
     void UnInit() override;
-    int Run() override;
     /// Add or remove request; the requester is the sending task's name.
     int Receive(const FileNotifyWatchMessage& msg) override;
 
     /// Messages of this task a requester may have waiting before it holds back.
     static constexpr long kHighWater = 32;
+
+protected:
+    /// At once while events wait, otherwise the idle wait.
+    int NextWaitMs() override;
+    /// Retries due watches, offers waiting events, publishes coverage.
+    void OnTurn(uint64_t nowMs) override;
 
 private:
     using Source = std::pair<std::string, uint64_t>;  // (requester, extra parameter)
@@ -57,6 +62,7 @@ private:
     std::unique_ptr<WatchTable> table_;
     FairQueue<Source, WatchNotification> pending_;
     bool readingPaused_ = false;
+    uint64_t publishedAtMs_ = 0;
 };
 
 }  // namespace Engine

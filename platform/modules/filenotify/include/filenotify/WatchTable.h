@@ -11,6 +11,7 @@
 #include "filenotify/FileNotifyOpt.h"
 #include "filenotify/InotifyDecoder.h"
 #include "filenotify/WatchScope.h"
+#include "framework/Clock.h"
 
 namespace Engine {
 
@@ -52,7 +53,8 @@ public:
     static constexpr std::size_t kMaxPaths = 65536;
     static constexpr std::size_t kMaxRequestersPerPath = 1024;
 
-    WatchTable();
+    /// `clock` times the retries of refused watches; it must outlive the table.
+    explicit WatchTable(const Framework::Clock& clock = Framework::Clock::System());
     ~WatchTable();
     WatchTable(const WatchTable&) = delete;
     WatchTable& operator=(const WatchTable&) = delete;
@@ -150,6 +152,7 @@ private:
     WatchScope::Cache scopes_;
     uint64_t retryAtMs_ = 0;  // 0: no retry due
     uint64_t retryDelayMs_ = kRetryFirstMs;
+    const Framework::Clock& clock_;
     uint64_t linkCheckAtMs_ = 0;
 };
 

@@ -47,6 +47,8 @@ public:
 
 private:
     void Drain();
+    // Sends one request after draining stale replies; false with `error` when it failed.
+    bool SendRequest(int (*request)(int), const char* what, std::string& error);
     int SendRule(const AuditWatchRule& rule, bool add);
     bool ListRaw(std::vector<std::string>& rules, std::string& error);
 

@@ -7,11 +7,10 @@
 
 #include "engine/AbstructMessage.h"
 #include "framework/Outbox.h"
-#include "framework/RateLimiter.h"
 #include "framework/Task.h"
 #include "process_collect/AuditEventJoiner.h"
-#include "process_collect/AuditEventSocket.h"
 #include "process_collect/AuditFileSystemCtrlMessage.h"
+#include "process_collect/AuditReader.h"
 #include "process_collect/AuditRuleClient.h"
 #include "process_collect/AuditRuleLedger.h"
 #include "process_collect/AuditUnsubscribeMessage.h"
@@ -29,10 +28,11 @@ namespace Engine {
 ///
 /// An AuditFileSystemCtrlMessage "-w" adds a watch rule and makes its sender the subscriber of
 /// the rule's key, "-W" deletes it; AuditUnsubscribeMessage deletes every rule of a subscriber.
-/// Events are read from the read-only multicast audit group, joined per serial, turned into
-/// AuditEventMessages with host paths and sent to the key's subscriber; writes are held until
-/// the writer closed the file (fanotify) or, failing that, the file has settled. Paths are
-/// resolved inside the watched root as the container sees them. Rules removed behind the
+/// Events are read from the read-only multicast audit group by an AuditReader on a thread of
+/// its own (so the kernel never waits on what follows), then, on the task thread, joined per
+/// serial, turned into AuditEventMessages with host paths and sent to the key's subscriber; writes
+/// are held until the writer closed the file (fanotify) or, failing that, the file has settled.
+/// Paths are resolved inside the watched root as the container sees them. Rules removed behind the
 /// agent's back are added again. Init (control thread) sets audit up and deletes the rules an
 /// earlier run left (remembered in a ledger file, so no other tool's rules are touched); UnInit
 /// (control thread, after the task thread ended) deletes every rule the task added. Everything
@@ -49,13 +49,17 @@ public:
 
     int Init() override;
     void UnInit() override;
-    int Run() override;
 
     int Receive(const AuditFileSystemCtrlMessage& msg) override;
     int Receive(const AuditUnsubscribeMessage& msg) override;
 
 protected:
     ~AuditTask() override;
+    /// Soon while events wait for busy subscribers or writes wait to settle.
+    int NextWaitMs() override;
+    /// Settles held writes, flushes stale joins, polls the kernel's lost counter and checks
+    /// that the rules are still in place.
+    void OnTurn(uint64_t nowMs) override;
 
 private:
     struct RuleEntry {
@@ -69,13 +73,12 @@ private:
     void DeleteLeftoverRules();
     void SaveLedger();
     void VerifyRules();
-    void OnReadable();
+    void OnRecordsWaiting();
     void OnClosesReadable();
     void CaptureWriters(const AuditLogSyscall& syscall, const std::string& key) const;
     const RuleEntry* EntryOf(const std::string& key) const;
     void OnRecord(int type, const char* text, std::size_t len);
     void HandleJoined(std::vector<JoinedAuditEvent>& events);
-    void Housekeeping(uint64_t nowMs);
     void PollLostCounter();
     void Deliver(std::unique_ptr<AuditEventMessage> event);
     void DeliverAll(std::vector<EventSettler::EventPtr>& events);
@@ -87,7 +90,7 @@ private:
 
     Poco::Logger* logger_ = nullptr;
     AuditRuleClient client_;
-    AuditEventSocket events_;
+    AuditReader reader_;
     CloseWriteWatcher closes_;
     // Events for subscribers whose queues are full wait here: the task keeps reading the
     // kernel meanwhile, so records are never lost because a consumer is slow.
@@ -103,9 +106,6 @@ private:
     uint64_t lostPollMs_ = 1000;
     uint64_t lastRuleCheckMs_ = 0;
     uint64_t ruleCheckMs_ = 1000;
-    Framework::RateLimiter malformedLog_;
-    Framework::RateLimiter lostLog_;
-    Framework::RateLimiter ruleLog_;
 };
 
 }  // namespace Engine

@@ -25,11 +25,13 @@ public:
 
     int Init() override;
     void UnInit() override;
-    int Run() override;
     int HandleMsg(const Framework::Message* msg) override;
 
+protected:
+    /// Passes a SIGHUP reopen request on to every output.
+    void OnTurn(uint64_t nowMs) override;
+
 private:
-    void ReopenIfRequested();
     bool IsJsonObject(const std::string& text);  // task thread only: reuses reader_
 
     std::unique_ptr<Json::CharReader> reader_;

@@ -8,7 +8,7 @@
 #include <string>
 #include <thread>
 
-#include "framework/RateLimiter.h"
+#include "framework/DegradedCounter.h"
 #include "report/Sink.h"
 #include "report/Spool.h"
 
@@ -45,7 +45,6 @@ private:
     void Wait(int ms);
     bool WaitForStop(int ms);  // true when stopping
     void UpdateSpoolGauge();
-    void CountLoss(const char* reason, const std::string& detail);
     std::string Counter(const char* what) const;
 
     std::unique_ptr<Sink> sink_;
@@ -59,8 +58,11 @@ private:
     bool failing_ = false;
     uint64_t failingSince_ = 0;  // attempts failed in the current outage
     uint64_t lastGauge_ = 0;
-    Framework::RateLimiter failureLog_{10000};
-    Framework::RateLimiter lossLog_{10000};
+    Framework::DegradedCounter overflow_;
+    Framework::DegradedCounter spoolFailed_;
+    Framework::DegradedCounter corrupt_;
+    Framework::DegradedCounter rejected_;
+    Framework::DegradedCounter attemptsFailed_;
     std::thread thread_;
 };
 

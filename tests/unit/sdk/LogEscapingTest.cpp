@@ -1,0 +1,69 @@
+#include <Poco/AutoPtr.h>
+#include <Poco/Channel.h>
+#include <Poco/Message.h>
+#include <gtest/gtest.h>
+
+#include <mutex>
+#include <string>
+#include <vector>
+
+#include "sdk/Log.h"
+#include "sdk/LogEscapingChannel.h"
+#include "sdk/LoggerUtils.h"
+
+namespace {
+
+using SDK::LogEscapingChannel;
+
+class Recorder : public Poco::Channel {
+public:
+    void log(const Poco::Message& msg) override {
+        std::lock_guard<std::mutex> lock(mutex);
+        records.push_back(msg);
+    }
+    std::mutex mutex;  // guards records
+    std::vector<Poco::Message> records;
+};
+
+TEST(LogEscaping, EveryControlByteBecomesAnEscapeAndNothingElseChanges) {
+    EXPECT_EQ(LogEscapingChannel::Escape("a\nb\rc\td"), "a\\nb\\rc\\td");
+    EXPECT_EQ(LogEscapingChannel::Escape(std::string("\x1b[31mred\x7f", 9)), "\\x1b[31mred\\x7f");
+    EXPECT_EQ(LogEscapingChannel::Escape(std::string("nul\0end", 7)), "nul\\x00end");
+    EXPECT_EQ(LogEscapingChannel::Escape("\x01\x1f"), "\\x01\\x1f");
+    // Printable ASCII, backslashes and UTF-8 pass as they are.
+    const std::string plain = "/etc/pass wd \\n ~ \xc3\xa9t\xc3\xa9 \xe2\x82\xac";
+    EXPECT_EQ(LogEscapingChannel::Escape(plain), plain);
+    EXPECT_FALSE(LogEscapingChannel::NeedsEscape(plain));
+    EXPECT_TRUE(LogEscapingChannel::NeedsEscape("x\n"));
+    EXPECT_EQ(LogEscapingChannel::Escape(""), "");
+    for (int byte = 0; byte < 256; ++byte) {
+        const std::string escaped = LogEscapingChannel::Escape(std::string(1, char(byte)));
+        const bool control = byte < 0x20 || byte == 0x7f;
+        EXPECT_EQ(escaped.size() > 1, control) << byte;
+        for (char c : escaped) {
+            EXPECT_FALSE(static_cast<unsigned char>(c) < 0x20 || c == 0x7f) << byte;
+        }
+    }
+}
+
+TEST(LogEscaping, ConfiguredLoggersHandOnEscapedRecordsWithTheirOrigin) {
+    Poco::AutoPtr<Recorder> recorder(new Recorder());
+    SDK::LoggerUtils::GetInstance()->Configure(recorder, Poco::Message::PRIO_DEBUG);
+    Poco::Logger* logger = SDK::LoggerUtils::GetInstance()->GetModuleLogger("escape_test", true);
+    const std::string hostile = "/tmp/a\n2026-01-01 00:00:00.000 [Error] agent: forged\x1b[2J";
+    TW_LOG(logger, PRIO_INFORMATION, "File %s changed", hostile);
+    TW_LOG(logger, PRIO_WARNING, "clean line");
+
+    std::lock_guard<std::mutex> lock(recorder->mutex);
+    ASSERT_EQ(recorder->records.size(), 2u);
+    const Poco::Message& first = recorder->records[0];
+    EXPECT_EQ(first.getText(),
+              "File /tmp/a\\n2026-01-01 00:00:00.000 [Error] agent: forged\\x1b[2J changed");
+    EXPECT_EQ(first.getSource(), "escape_test");
+    EXPECT_EQ(first.getPriority(), Poco::Message::PRIO_INFORMATION);
+    EXPECT_STREQ(first.getSourceFile(), "LogEscapingTest.cpp");
+    EXPECT_GT(first.getSourceLine(), 0);
+    EXPECT_EQ(recorder->records[1].getText(), "clean line");
+}
+
+}  // namespace
