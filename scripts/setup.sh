@@ -11,6 +11,7 @@ PACKAGES=(
   libgtest-dev libgmock-dev googletest libbenchmark-dev
   auditd docker.io podman busybox-static debootstrap
   procps util-linux jq clang-format
+  clang-14 libclang-rt-14-dev
   rsyslog nginx openssl
   dpkg-dev file systemd logrotate
 )

@@ -85,6 +85,32 @@ TEST(Json, CompactOutputAndDepthLimit) {
     EXPECT_FALSE(SDK::JsonUtils::GetArrayValue(typed, "a", out));
 }
 
+// A container names its files with any bytes. What the document says must be either the name
+// itself or plainly undecodable, never another plausible name, and it must read back the same.
+TEST(Json, BytesThatAreNotUtf8AreWrittenAsReplacementCharacters) {
+    Json::Value doc(Json::objectValue);
+    doc["file"] =
+        "/tmp/\xC9"
+        "d";                            // a lead byte without its continuation
+    doc["lone"] = "\xAA";               // a continuation byte alone
+    doc["surrogate"] = "\xED\xA0\x80";  // U+D800 spelt in UTF-8
+    doc["overlong"] = "\xC0\xAF";       // "/" in two bytes
+    doc["cut"] = "\xE2\x82";            // a sequence cut short at the end
+    doc["valid"] = "\xC3\xA9\xF0\x9F\x98\x80";
+    doc["\xFF"] = 1;
+    const std::string text = SDK::JsonUtils::JsonToString(doc);
+    EXPECT_EQ(text, R"({"cut":"\ufffd\ufffd","file":"/tmp/\ufffdd","lone":"\ufffd",)"
+                    R"("overlong":"\ufffd\ufffd","surrogate":"\ufffd\ufffd\ufffd",)"
+                    R"("valid":"\u00e9\ud83d\ude00","\ufffd":1})");
+    Json::Value again;
+    ASSERT_EQ(SDK::JsonUtils::ParseJsonStr(text, again), 0);
+    EXPECT_EQ(SDK::JsonUtils::JsonToString(again), text);
+    EXPECT_EQ(again["valid"].asString(), "\xC3\xA9\xF0\x9F\x98\x80");
+    EXPECT_EQ(doc["file"].asString(),
+              "/tmp/\xC9"
+              "d");  // the caller's document is left alone
+}
+
 TEST(Paths, FileNameAndCanonicalForm) {
     EXPECT_EQ(SDK::PathUtils::GetFileNameFromPath("/a/b/RootFsMonitor.cpp"), "RootFsMonitor.cpp");
     EXPECT_EQ(SDK::PathUtils::GetFileNameFromPath("plain"), "plain");
