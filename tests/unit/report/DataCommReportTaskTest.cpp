@@ -118,7 +118,8 @@ TEST_F(DataCommModuleTest, SighupStillReachesTheHandlerInstalledBeforeTheModule)
     ASSERT_EQ(::raise(SIGHUP), 0);
     EXPECT_EQ(gEarlierHangups.load(), 1);  // the host process's own SIGHUP work still happens
     Send(Doc(2));
-    EXPECT_TRUE(WaitUntil([&] { return FileText::Lines(sink_).size() == 1; }));  // and the file reopens
+    EXPECT_TRUE(
+        WaitUntil([&] { return FileText::Lines(sink_).size() == 1; }));  // and the file reopens
     Stop();
     // Stopping the module puts the earlier handler back.
     ASSERT_EQ(::raise(SIGHUP), 0);
