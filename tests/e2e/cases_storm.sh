@@ -21,6 +21,10 @@ case_storm_and_neighbour() {
   wait_for 20 audit_rule_present "$bid" || fail "no audit rule for $b"
   arm_probe "$a"
   arm_probe "$b"
+  # The probe file exists before the measured writes, so each of them raises exactly one
+  # modify alarm (a creating write may raise a create alarm only).
+  cexec "$b" 'echo 0 > /etc/probe'
+  wait_for 20 has_alarm "$(ALARMS)" "$(user_alarm "$b" /etc/probe 2)" || fail "probe file not watched"
   stamp_alarms "$(ALARMS)" "$WORK/stamps" "$b" &
   echo $! > "$WORK/stamper"
   # As fast as a shell can: 512-byte writes of the protected file, rewritten over and over.
@@ -34,9 +38,8 @@ case_storm_and_neighbour() {
   done
   docker exec "$a" touch /tmp/stop
   pkill -f "tail -n0 -F $(ALARMS)" 2>/dev/null || true
-  # Each probe write raises one modify alarm of /etc/probe, in order (the first also raises a
-  # create alarm, which is not paired). The alarm may land before the container's shell has
-  # even taken its stamp: that counts as no delay.
+  # Each probe write raises one modify alarm of /etc/probe, in order. The alarm may land before
+  # the container's shell has even taken its stamp: that counts as no delay.
   grep -F '"file_operation":2,"file_path":"/etc/probe"' "$WORK/stamps" | cut -d' ' -f1 > "$WORK/landed"
   for i in $(seq 1 20); do cat "$WORK/sent.$i"; done |
     paste - "$WORK/landed" | awk 'NF == 2 { d = ($2 - $1) * 1000; printf "%.1f\n", d < 0 ? 0 : d }' \
