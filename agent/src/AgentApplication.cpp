@@ -19,16 +19,19 @@
 #include <chrono>
 #include <condition_variable>
 #include <csignal>
+#include <cstring>
 #include <iostream>
 #include <mutex>
 #include <thread>
 
 #include "agent/CheckExit.h"
 #include "agent/ConfigCheck.h"
+#include "agent/MetricsServer.h"
 #include "agent/ModuleLoader.h"
 #include "agent/PolicyCheck.h"
 #include "agent/PolicyDirectory.h"
 #include "framework/Counters.h"
+#include "framework/Gauges.h"
 #include "framework/Module.h"
 #include "framework/StartupGate.h"
 #include "framework/StatusBoard.h"
@@ -56,6 +59,9 @@ const std::map<std::string, std::string>& Defaults() {
         {"cpu.limit_percent", "0"},
         {"policy.scan_ms", "1000"},
         {"status.interval_s", "60"},
+        {"metrics.enabled", "true"},
+        {"metrics.address", "127.0.0.1"},
+        {"metrics.port", "9467"},
     };
     return defaults;
 }
@@ -226,7 +232,8 @@ bool AgentApplication::LoadSettings(std::string& error) {
 
     // The same rules as --check-config, so that a checked file starts.
     for (const char* key :
-         {"cpu.limit_percent", "log.level", "module.dir", "policy.dir", "policy.scan_ms"}) {
+         {"cpu.limit_percent", "log.level", "module.dir", "policy.dir", "policy.scan_ms",
+          "metrics.enabled", "metrics.address", "metrics.port"}) {
         error = ConfigCheck::StartProblem(key, settings[key]);
         if (!error.empty()) return false;
     }
@@ -286,17 +293,59 @@ void AgentApplication::DeliverPolicies(PolicyDirectory& policies, ModuleLoader& 
     }
 }
 
+namespace {
+// Status lines are what an operator running at warning level still needs to see: they are
+// written at notice priority whatever log.level says, through the same channel (and its
+// escaping) as every other record.
+void StatusRecord(const std::string& text) {
+    Poco::Logger* logger = AgentLogger();
+    try {
+        Poco::Channel* channel = logger == nullptr ? nullptr : logger->getChannel();
+        if (channel == nullptr) return;
+        const char* file = std::strrchr(__FILE__, '/');
+        channel->log(Poco::Message(logger->name(), text, Poco::Message::PRIO_NOTICE,
+                                   file == nullptr ? __FILE__ : file + 1, __LINE__));
+    } catch (const std::exception&) {
+        // A status line must never interrupt the agent.
+    }
+}
+}  // namespace
+
 void AgentApplication::LogCounters() {
     std::string text;
     for (const auto& counter : Framework::Counters::Instance().Snapshot()) {
         if (!text.empty()) text += ", ";
         text += counter.first + "=" + std::to_string(counter.second);
     }
-    TW_LOG(AgentLogger(), PRIO_INFORMATION, "Status: %s",
-           text.empty() ? std::string("no losses") : text);
-    for (const auto& line : Framework::StatusBoard::Instance().Snapshot()) {
-        TW_LOG(AgentLogger(), PRIO_INFORMATION, "Status %s: %s", line.first, line.second);
+    StatusRecord("Status: " + (text.empty() ? std::string("no losses") : text));
+    std::string levels;
+    for (const auto& gauge : Framework::Gauges::Instance().Snapshot()) {
+        levels += (levels.empty() ? "" : ", ") + gauge.first + "=" + std::to_string(gauge.second);
     }
+    if (!levels.empty()) StatusRecord("Status levels: " + levels);
+    for (const auto& line : Framework::StatusBoard::Instance().Snapshot()) {
+        StatusRecord("Status " + line.first + ": " + line.second);
+    }
+}
+
+std::unique_ptr<MetricsServer> AgentApplication::StartMetrics() {
+    if (SDK::ConfigUtils::GetString("metrics.enabled", "true") != "true") {
+        TW_LOG(AgentLogger(), PRIO_INFORMATION, "Metrics endpoint off (metrics.enabled)");
+        return nullptr;
+    }
+    const std::string address = SDK::ConfigUtils::GetString("metrics.address", "127.0.0.1");
+    const auto port = static_cast<uint16_t>(SDK::ConfigUtils::GetInt("metrics.port", 0));
+    std::unique_ptr<MetricsServer> server(new MetricsServer());
+    std::string error;
+    if (!server->Start(address, port, error)) {
+        // The agent protects without it; the operator learns why the scrape fails.
+        TW_LOG(AgentLogger(), PRIO_ERROR, "Metrics endpoint not started: %s", error);
+        return nullptr;
+    }
+    TW_LOG(AgentLogger(), PRIO_INFORMATION,
+           "Metrics endpoint listening on http://%s:%u/metrics and /healthz", address,
+           static_cast<unsigned int>(server->Port()));
+    return server;
 }
 
 std::string AgentApplication::ModuleDirForCheck() const {
@@ -373,6 +422,8 @@ int AgentApplication::main(const std::vector<std::string>& args) {
     PolicyDirectory policies(SDK::ConfigUtils::GetString("policy.dir", ""));
     DeliverPolicies(policies, loader);
     Framework::StartupGate::Open();
+    // After the modules, so that its first answer already sees them; stopped before them.
+    std::unique_ptr<MetricsServer> metrics = StartMetrics();
     TW_LOG(AgentLogger(), PRIO_INFORMATION, "Agent started with %z modules",
            loader.Modules().size());
 
@@ -396,6 +447,7 @@ int AgentApplication::main(const std::vector<std::string>& args) {
     TW_LOG(AgentLogger(), PRIO_INFORMATION, "Agent stopping");
     stop.Raise();
     watcher.join();
+    metrics.reset();
     loader.UnInitAll();
     LogCounters();
     TW_LOG(AgentLogger(), PRIO_INFORMATION, "Agent stopped");

@@ -4,6 +4,7 @@
 
 #include <atomic>
 #include <map>
+#include <memory>
 #include <string>
 
 namespace Agent {
@@ -38,7 +39,10 @@ private:
     bool LoadSettings(std::string& error);
     bool SetUpLogging(std::string& error);
     void DeliverPolicies(class PolicyDirectory& policies, class ModuleLoader& loader);
+    /// Writes the status lines (counters, gauges, service states) whatever the log level.
     void LogCounters();
+    /// The metrics endpoint as configured, or null when it is off or could not start (logged).
+    std::unique_ptr<class MetricsServer> StartMetrics();
 
     bool helpRequested_ = false;
     std::string configFile_;
