@@ -9,8 +9,11 @@ PACKAGES=(
   libgtest-dev libgmock-dev googletest libbenchmark-dev
   auditd docker.io busybox-static debootstrap
   dpdk-dev librte-ring23 libconcurrentqueue-dev libboost-dev
-  procps util-linux jq clang-format
+  procps util-linux jq curl clang-format
   rsyslog nginx openssl
+  # promtool checks the metrics endpoint's output; the Prometheus server it comes with is
+  # switched off again below.
+  prometheus
 )
 
 missing=()
@@ -29,5 +32,10 @@ echo "setup: installing ${missing[*]}"
 export DEBIAN_FRONTEND=noninteractive
 apt-get update -qq
 apt-get install -y -qq --no-install-recommends "${missing[@]}"
+# Debian's prometheus package enables and starts its server; only its promtool is wanted.
+if [[ " ${missing[*]} " == *" prometheus "* ]] && command -v systemctl >/dev/null &&
+  [ -d /run/systemd/system ]; then
+  systemctl disable --now prometheus >/dev/null 2>&1 || true
+fi
 # The agent talks to the kernel audit system itself; an auditd that Debian starts is left
 # alone (the agent reads the multicast group), but a fresh install must not fight over rules.
