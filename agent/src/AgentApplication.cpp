@@ -294,10 +294,10 @@ void AgentApplication::DeliverPolicies(PolicyDirectory& policies, ModuleLoader& 
 }
 
 namespace {
-// Status lines are what an operator running at warning level still needs to see: they are
-// written at notice priority whatever log.level says, through the same channel (and its
-// escaping) as every other record.
-void StatusRecord(const std::string& text) {
+// Status lines, and the lines that say the agent runs and where its metrics are, are what an
+// operator running at warning level still needs to see: they are written at notice priority
+// whatever log.level says, through the same channel (and its escaping) as every other record.
+void NoticeRecord(const std::string& text) {
     Poco::Logger* logger = AgentLogger();
     try {
         Poco::Channel* channel = logger == nullptr ? nullptr : logger->getChannel();
@@ -317,14 +317,14 @@ void AgentApplication::LogCounters() {
         if (!text.empty()) text += ", ";
         text += counter.first + "=" + std::to_string(counter.second);
     }
-    StatusRecord("Status: " + (text.empty() ? std::string("no losses") : text));
+    NoticeRecord("Status: " + (text.empty() ? std::string("no losses") : text));
     std::string levels;
     for (const auto& gauge : Framework::Gauges::Instance().Snapshot()) {
         levels += (levels.empty() ? "" : ", ") + gauge.first + "=" + std::to_string(gauge.second);
     }
-    if (!levels.empty()) StatusRecord("Status levels: " + levels);
+    if (!levels.empty()) NoticeRecord("Status levels: " + levels);
     for (const auto& line : Framework::StatusBoard::Instance().Snapshot()) {
-        StatusRecord("Status " + line.first + ": " + line.second);
+        NoticeRecord("Status " + line.first + ": " + line.second);
     }
 }
 
@@ -342,9 +342,8 @@ std::unique_ptr<MetricsServer> AgentApplication::StartMetrics() {
         TW_LOG(AgentLogger(), PRIO_ERROR, "Metrics endpoint not started: %s", error);
         return nullptr;
     }
-    TW_LOG(AgentLogger(), PRIO_INFORMATION,
-           "Metrics endpoint listening on http://%s:%u/metrics and /healthz", address,
-           static_cast<unsigned int>(server->Port()));
+    NoticeRecord("Metrics endpoint listening on http://" + address + ":" +
+                 std::to_string(server->Port()) + "/metrics and /healthz");
     return server;
 }
 
@@ -424,8 +423,7 @@ int AgentApplication::main(const std::vector<std::string>& args) {
     Framework::StartupGate::Open();
     // After the modules, so that its first answer already sees them; stopped before them.
     std::unique_ptr<MetricsServer> metrics = StartMetrics();
-    TW_LOG(AgentLogger(), PRIO_INFORMATION, "Agent started with %z modules",
-           loader.Modules().size());
+    NoticeRecord("Agent started with " + std::to_string(loader.Modules().size()) + " modules");
 
     StopSignal stop;
     const auto scanEvery =
@@ -450,7 +448,7 @@ int AgentApplication::main(const std::vector<std::string>& args) {
     metrics.reset();
     loader.UnInitAll();
     LogCounters();
-    TW_LOG(AgentLogger(), PRIO_INFORMATION, "Agent stopped");
+    NoticeRecord("Agent stopped");
     return EXIT_OK;
 }
 

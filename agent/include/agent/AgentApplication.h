@@ -39,7 +39,7 @@ private:
     bool LoadSettings(std::string& error);
     bool SetUpLogging(std::string& error);
     void DeliverPolicies(class PolicyDirectory& policies, class ModuleLoader& loader);
-    /// Writes the status lines (counters, gauges, service states) whatever the log level.
+    /// Writes the status lines (counters, gauges, service states), whatever the log level.
     void LogCounters();
     /// The metrics endpoint as configured, or null when it is off or could not start (logged).
     std::unique_ptr<class MetricsServer> StartMetrics();
