@@ -3,10 +3,14 @@ function(tarnwick_warnings target)
   target_compile_options(${target} PRIVATE -Wall -Wextra -Wno-unused-parameter)
 endfunction()
 
-# A shared library or loadable module of the agent: no undefined symbols at link time.
+# A shared library or loadable module of the agent: no undefined symbols at link time. Not in the
+# fuzz build: clang links the sanitizer runtimes into the executable only, and the libraries
+# find them there at load time.
 function(tarnwick_library target)
   tarnwick_warnings(${target})
-  target_link_options(${target} PRIVATE -Wl,--no-undefined)
+  if(NOT TARNWICK_FUZZ)
+    target_link_options(${target} PRIVATE -Wl,--no-undefined)
+  endif()
 endfunction()
 
 # A loadable module: lib<name>_module.so with CreateModule exported, found by the agent at run time.

@@ -20,6 +20,9 @@ DOCKERD_ARGS=${DOCKERD_ARGS:-}
 BUSYBOX_IMAGE=${BUSYBOX_IMAGE:-tarnwick/busybox:latest}
 export DOCKER_HOST=unix://$DOCKER_SOCKET
 
+# shellcheck source-path=SCRIPTDIR source=lib/busybox-root.sh
+source "$(dirname "$0")/lib/busybox-root.sh"
+
 die() { echo "dockerd.sh: $*" >&2; exit 1; }
 
 engine_answers() { docker info >/dev/null 2>&1; }
@@ -94,29 +97,11 @@ image() {
     echo "dockerd.sh: image $BUSYBOX_IMAGE present"
     return 0
   fi
-  local busybox=/bin/busybox
-  [ -x "$busybox" ] || die "$busybox missing (apt-get install busybox-static)"
-  # The image has no libc: only a static busybox runs in it.
-  # ldd fails on a static binary, so its status says nothing under pipefail; read its words.
-  local linkage
-  linkage=$(ldd "$busybox" 2>&1 || true)
-  [[ "$linkage" == *"not a dynamic executable"* ]] ||
-    die "$busybox is not statically linked (install busybox-static)"
   local root
   root=$(mktemp -d /tmp/tarnwick-busybox.XXXXXX)
   # shellcheck disable=SC2064
   trap "rm -rf '$root'" RETURN
-  mkdir -p "$root/bin" "$root/sbin" "$root/usr/bin" "$root/usr/sbin" "$root/etc" \
-    "$root/root" "$root/tmp" "$root/proc" "$root/sys" "$root/dev"
-  chmod 1777 "$root/tmp"
-  cp "$busybox" "$root/bin/busybox"
-  # Applet links the way busybox itself lays them out, made inside the temporary root.
-  chroot "$root" /bin/busybox --install -s
-  printf 'root:x:0:0:root:/root:/bin/sh\nnobody:x:65534:65534:nobody:/nonexistent:/bin/false\n' \
-    > "$root/etc/passwd"
-  printf 'root:x:0:\nnogroup:x:65534:\n' > "$root/etc/group"
-  printf 'root:*:19000:0:99999:7:::\nnobody:*:19000:0:99999:7:::\n' > "$root/etc/shadow"
-  chmod 640 "$root/etc/shadow"
+  busybox_root "$root" || die "cannot lay out the busybox image"
   tar -C "$root" -c . | docker import --change 'CMD ["/bin/sh"]' - "$BUSYBOX_IMAGE" >/dev/null
   echo "dockerd.sh: imported $BUSYBOX_IMAGE"
 }

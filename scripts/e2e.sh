@@ -16,6 +16,7 @@ bash scripts/debian-image.sh debs || exit 1
 source scripts/lib/agent-run.sh
 # Every tests/e2e/cases*.sh defines case_X functions and adds its names to E2E_CASES.
 E2E_CASES=""
+E2E_CLEANUPS=""
 for cases in tests/e2e/cases*.sh; do
   # shellcheck source=/dev/null
   source "$cases"
@@ -36,6 +37,9 @@ case_cleanup() {
     while read -r c; do docker rm -f "$c" >/dev/null 2>&1 || true; done < "$WORK/containers"
   fi
   agent_stop
+  # What a cases file cleans up for its own cases (another engine's containers, say).
+  local hook
+  for hook in ${E2E_CLEANUPS:-}; do "$hook"; done
   # Alarm watchers a case started on its own files.
   pkill -f "tail -n0 -F $WORK/" 2>/dev/null || true
 }

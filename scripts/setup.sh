@@ -1,20 +1,31 @@
 #!/usr/bin/env bash
-# Installs everything the agent needs to build, test and run on Debian 12 (run as root).
-# Idempotent: does nothing when every package is already there.
+# Installs everything the agent needs to build, test, package and run on Debian 12 (run as
+# root). Idempotent: does nothing when every package is already there.
+#   --bench   also the queues the queue benchmark compares against (only the benchmark needs
+#             them; it builds without them and leaves those peers out)
 set -euo pipefail
 
 PACKAGES=(
   build-essential cmake pkg-config git
   libpoco-dev libjsoncpp-dev libssl-dev libaudit-dev
   libgtest-dev libgmock-dev googletest libbenchmark-dev
-  auditd docker.io busybox-static debootstrap
-  dpdk-dev librte-ring23 libconcurrentqueue-dev libboost-dev
+  auditd docker.io podman busybox-static debootstrap
   procps util-linux jq curl clang-format
+  clang-14 libclang-rt-14-dev
   rsyslog nginx openssl
+  dpkg-dev file systemd logrotate
   # promtool checks the metrics endpoint's output; the Prometheus server it comes with is
   # switched off again below.
   prometheus
 )
+BENCH_PACKAGES=(dpdk-dev librte-ring23 libconcurrentqueue-dev libboost-dev)
+
+for arg in "$@"; do
+  case "$arg" in
+    --bench) PACKAGES+=("${BENCH_PACKAGES[@]}") ;;
+    *) echo "setup: unknown option '$arg' (known: --bench)" >&2; exit 2 ;;
+  esac
+done
 
 missing=()
 for p in "${PACKAGES[@]}"; do

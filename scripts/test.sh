@@ -1,12 +1,13 @@
 #!/usr/bin/env bash
 # Runs every test from a fresh clone: installs packages, builds, runs unit and integration
-# tests, the thread-heavy tests under ThreadSanitizer, and (as root) the end-to-end suite, once
-# against the ordinary build and once against an AddressSanitizer+UBSan build of the agent.
+# tests, every multi-threaded test under ThreadSanitizer, every parser under libFuzzer for a
+# minute, and (as root) the Debian package test and the end-to-end suite, once against the
+# ordinary build and once against an AddressSanitizer+UBSan build of the agent.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 ROOT=$(pwd)
 
-bash scripts/setup.sh
+bash scripts/setup.sh --bench
 echo "== format"
 bash scripts/format-check.sh
 bash scripts/build.sh -DTARNWICK_BENCH=ON
@@ -34,7 +35,14 @@ cmake --build build-tsan -j"$(nproc)"
 (cd build-tsan && TSAN_OPTIONS="halt_on_error=1 second_deadlock_stack=1" \
   ctest --output-on-failure -j2 -L 'tsan|integration' --no-tests=error)
 
+echo "== parsers under libFuzzer (clang, ASan+UBSan)"
+bash scripts/fuzz.sh
+
 if [ "$(id -u)" -eq 0 ] && [ -x scripts/e2e.sh ]; then
+  # Before the end-to-end suite installs to /usr/local/tarnwick (the package test moves an
+  # existing install aside and puts it back in any case).
+  echo "== Debian package: built, installed, run as its unit would, upgraded, purged"
+  bash tests/package/package-test.sh build
   echo "== end-to-end tests (installed agent, real dockerd)"
   bash scripts/e2e.sh
   echo "== end-to-end tests against an AddressSanitizer and UndefinedBehaviorSanitizer build"

@@ -26,10 +26,13 @@
 
 #include "agent/CheckExit.h"
 #include "agent/ConfigCheck.h"
+#include "agent/HangupSignal.h"
 #include "agent/MetricsServer.h"
 #include "agent/ModuleLoader.h"
 #include "agent/PolicyCheck.h"
 #include "agent/PolicyDirectory.h"
+#include "agent/ReopenableFileChannel.h"
+#include "agent/ServiceNotifier.h"
 #include "framework/Counters.h"
 #include "framework/Gauges.h"
 #include "framework/Module.h"
@@ -201,10 +204,17 @@ void AgentApplication::HandleSetting(const std::string& name, const std::string&
     if (key != OptionKeys().end()) optionSettings_[key->second] = value;
 }
 
+namespace {
+// The settings file in use: the one given, else the installed one when it exists, else none.
+std::string SettingsFile(const std::string& given) {
+    if (!given.empty()) return given;
+    return Poco::File(kDefaultConfig).exists() ? std::string(kDefaultConfig) : std::string();
+}
+}  // namespace
+
 bool AgentApplication::LoadSettings(std::string& error) {
     std::map<std::string, std::string> settings = Defaults();
-    std::string file = configFile_;
-    if (file.empty() && Poco::File(kDefaultConfig).exists()) file = kDefaultConfig;
+    const std::string file = SettingsFile(configFile_);
     if (!file.empty()) {
         try {
             Poco::AutoPtr<Poco::Util::PropertyFileConfiguration> props(
@@ -256,7 +266,8 @@ bool AgentApplication::SetUpLogging(std::string& error) {
             fileChannel->setProperty("purgeCount", "5");
             fileChannel->setProperty("flush", "true");
             fileChannel->open();
-            sink = fileChannel;
+            logFile_ = new ReopenableFileChannel(fileChannel);
+            sink = logFile_;
         } catch (const Poco::Exception& e) {
             error = "cannot open log file " + file + ": " + e.displayText();
             return false;
@@ -350,8 +361,7 @@ std::unique_ptr<MetricsServer> AgentApplication::StartMetrics() {
 std::string AgentApplication::ModuleDirForCheck() const {
     const auto option = optionSettings_.find("module.dir");
     if (option != optionSettings_.end()) return option->second;
-    std::string file = configFile_;
-    if (file.empty() && Poco::File(kDefaultConfig).exists()) file = kDefaultConfig;
+    const std::string file = SettingsFile(configFile_);
     if (!file.empty()) {
         try {
             Poco::AutoPtr<Poco::Util::PropertyFileConfiguration> props(
@@ -376,12 +386,29 @@ int AgentApplication::RunCheck(const std::vector<std::string>& args) {
     return ConfigCheck::Run(file, std::cout);
 }
 
+void AgentApplication::ReopenLog() {
+    if (logFile_.isNull()) return;
+    std::string error;
+    if (!logFile_->Reopen(error)) {
+        std::cerr << "tarnwick-agent: cannot reopen the log file: " << error << std::endl;
+        return;
+    }
+    TW_LOG(AgentLogger(), PRIO_INFORMATION, "Log file reopened on SIGHUP");
+}
+
+void AgentApplication::NotifyServiceManager(const std::string& state) {
+    std::string error;
+    if (!ServiceNotifier::Notify(state, error)) {
+        TW_LOG(AgentLogger(), PRIO_WARNING, "Service manager not told %s: %s", state, error);
+    }
+}
+
 int AgentApplication::main(const std::vector<std::string>& args) {
     if (helpRequested_) return EXIT_OK;
     if (!check_.empty()) return RunCheck(args);
-    // SIGHUP means "reopen the alarm file" once the sink module hooks it; until then (and in
-    // an agent without that module) it must not end the agent.
-    std::signal(SIGHUP, SIG_IGN);
+    // SIGHUP reopens the log file here, and the alarm file too once the sink module chains its
+    // hook to this one; it must never end the agent (logrotate sends it).
+    if (!HangupSignal::Install()) std::signal(SIGHUP, SIG_IGN);
     // Every thread the modules start inherits this mask, so a stop request arriving during
     // start-up waits for the orderly shutdown below instead of killing the agent mid-way.
     sigset_t stopSignals;
@@ -424,6 +451,8 @@ int AgentApplication::main(const std::vector<std::string>& args) {
     // After the modules, so that its first answer already sees them; stopped before them.
     std::unique_ptr<MetricsServer> metrics = StartMetrics();
     NoticeRecord("Agent started with " + std::to_string(loader.Modules().size()) + " modules");
+    // Ready: the modules hold their policies, and running containers are being handed to them.
+    NotifyServiceManager("READY=1");
 
     StopSignal stop;
     const auto scanEvery =
@@ -432,6 +461,7 @@ int AgentApplication::main(const std::vector<std::string>& args) {
     std::thread watcher([&] {
         auto lastStatus = std::chrono::steady_clock::now();
         while (!stop.WaitFor(scanEvery)) {
+            if (HangupSignal::Take()) ReopenLog();
             DeliverPolicies(policies, loader);
             if (statusEveryS > 0 && std::chrono::steady_clock::now() - lastStatus >=
                                         std::chrono::seconds(statusEveryS)) {
@@ -443,6 +473,7 @@ int AgentApplication::main(const std::vector<std::string>& args) {
 
     waitForTerminationRequest();
     TW_LOG(AgentLogger(), PRIO_INFORMATION, "Agent stopping");
+    NotifyServiceManager("STOPPING=1");
     stop.Raise();
     watcher.join();
     metrics.reset();

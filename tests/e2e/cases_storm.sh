@@ -34,9 +34,10 @@ case_storm_and_neighbour() {
   done
   docker exec "$a" touch /tmp/stop
   pkill -f "tail -n0 -F $(ALARMS)" 2>/dev/null || true
-  # Each probe write raises one modify alarm of /etc/probe, in order. The alarm may land before
-  # the container's shell has even taken its stamp: that counts as no delay.
-  grep -F '"file_path":"/etc/probe"' "$WORK/stamps" | cut -d' ' -f1 > "$WORK/landed"
+  # Each probe write raises one modify alarm of /etc/probe, in order (the first also raises a
+  # create alarm, which is not paired). The alarm may land before the container's shell has
+  # even taken its stamp: that counts as no delay.
+  grep -F '"file_operation":2,"file_path":"/etc/probe"' "$WORK/stamps" | cut -d' ' -f1 > "$WORK/landed"
   for i in $(seq 1 20); do cat "$WORK/sent.$i"; done |
     paste - "$WORK/landed" | awk 'NF == 2 { d = ($2 - $1) * 1000; printf "%.1f\n", d < 0 ? 0 : d }' \
     > "$WORK/latencies"

@@ -1,11 +1,14 @@
 #pragma once
 
+#include <Poco/AutoPtr.h>
 #include <Poco/Util/ServerApplication.h>
 
 #include <atomic>
 #include <map>
 #include <memory>
 #include <string>
+
+#include "agent/ReopenableFileChannel.h"
 
 namespace Agent {
 
@@ -43,12 +46,17 @@ private:
     void LogCounters();
     /// The metrics endpoint as configured, or null when it is off or could not start (logged).
     std::unique_ptr<class MetricsServer> StartMetrics();
+    /// SIGHUP: opens the log file anew at its path (logrotate moved it away).
+    void ReopenLog();
+    /// Tells the service manager (Type=notify) about the agent's state, logging a failure.
+    void NotifyServiceManager(const std::string& state);
 
     bool helpRequested_ = false;
     std::string configFile_;
     std::string check_;                                  // "check-config", "check-policy" or empty
     std::string checkFile_;                              // the file given to the check option
     std::map<std::string, std::string> optionSettings_;  // setting key -> value from options
+    Poco::AutoPtr<ReopenableFileChannel> logFile_;       // null when logging to standard error
 };
 
 }  // namespace Agent

@@ -88,9 +88,11 @@ bool IsHex64(const std::string& text, size_t pos) {
 }
 
 // One cgroup line "hierarchy:controllers:path"; the id follows "/docker/" (v1, cgroupfs
-// driver) or "docker-" and precedes ".scope" (systemd driver, v1 or v2).
+// driver) or "docker-" and precedes ".scope" (systemd driver, v1 or v2). Podman's containers
+// are "libpod-<id>" (under libpod_parent/ with cgroupfs, with ".scope" under systemd); its
+// conmon's "libpod-conmon-<id>" is no container.
 std::string IdFromCgroupPath(const std::string& path) {
-    static const char* const kMarkers[] = {"/docker/", "docker-"};
+    static const char* const kMarkers[] = {"/docker/", "docker-", "libpod-"};
     for (const char* marker : kMarkers) {
         size_t pos = path.rfind(marker);
         if (pos == std::string::npos) continue;

@@ -1,10 +1,5 @@
 #include "ContainerFeedFixture.h"
 
-#include <dlfcn.h>
-
-#include <cstdio>
-#include <thread>
-
 #include "container/ContainerRegisterMessage.h"
 #include "sdk/ConfigUtils.h"
 
@@ -12,38 +7,17 @@ namespace Engine {
 namespace Testing {
 
 namespace {
-class HostModule : public Framework::Module {
-public:
-    HostModule() : Framework::Module("container_test_host") {}
-};
+std::function<bool(const ContainerInfo&)> About(const std::string& id, bool start) {
+    return
+        [id, start](const ContainerInfo& info) { return info.id == id && info.running == start; };
+}
 }  // namespace
 
-std::string Shell(const std::string& command) {
-    std::string out;
-    FILE* pipe = popen(command.c_str(), "r");
-    if (pipe == nullptr) return out;
-    char buf[256];
-    while (fgets(buf, sizeof buf, pipe) != nullptr) out += buf;
-    if (pclose(pipe) != 0) return "";
-    while (!out.empty() && (out.back() == '\n' || out.back() == '\r')) out.pop_back();
-    return out;
-}
-
-bool WaitFor(const std::function<bool()>& condition, std::chrono::milliseconds timeout) {
-    const auto deadline = std::chrono::steady_clock::now() + timeout;
-    while (!condition()) {
-        if (std::chrono::steady_clock::now() >= deadline) return false;
-        std::this_thread::sleep_for(std::chrono::milliseconds(10));
-    }
-    return true;
-}
-
 RecordingTask::RecordingTask(const std::string& name)
-    : Framework::Task(name, "test", Framework::TaskCondition::TASK_TYPE_MESSAGE, 1024) {}
+    : TestSupport::RecordingTask<ContainerInfo>(name) {}
 
 int RecordingTask::Receive(const ContainerMessage& msg) {
-    std::lock_guard<std::mutex> lock(mutex_);
-    if (msg.containerInfo) received_.push_back(*msg.containerInfo);
+    if (msg.containerInfo) Record(*msg.containerInfo);
     return 0;
 }
 
@@ -51,60 +25,29 @@ void RecordingTask::Subscribe(bool on) {
     SendDirectMsg("container_collect_task", new ContainerRegisterMessage(this, on, false));
 }
 
-std::vector<ContainerInfo> RecordingTask::Received() {
-    std::lock_guard<std::mutex> lock(mutex_);
-    return received_;
+size_t RecordingTask::Count(const std::string& id, bool start) const {
+    return TestSupport::RecordingTask<ContainerInfo>::Count(About(id, start));
 }
 
-size_t RecordingTask::Count(const std::string& id, bool start) {
-    size_t n = 0;
-    for (const auto& info : Received()) {
-        if (info.id == id && info.running == start) ++n;
-    }
-    return n;
-}
-
-bool RecordingTask::Find(const std::string& id, bool start, ContainerInfo& out) {
-    for (const auto& info : Received()) {
-        if (info.id == id && info.running == start) {
-            out = info;
-            return true;
-        }
-    }
-    return false;
+bool RecordingTask::Find(const std::string& id, bool start, ContainerInfo& out) const {
+    return TestSupport::RecordingTask<ContainerInfo>::Find(About(id, start), out);
 }
 
 void ContainerFeedFixture::LoadModule(const std::string& socketPath) {
     SDK::ConfigUtils::Set("docker.socket", socketPath);
-    const std::string file = std::string(TARNWICK_LIB_DIR) + "/libcontainer_module.so";
-    void* handle = dlopen(file.c_str(), RTLD_NOW | RTLD_LOCAL);
-    ASSERT_NE(handle, nullptr) << dlerror();
-    auto create = reinterpret_cast<CreateModuleFunc>(dlsym(handle, "CreateModule"));
-    ASSERT_NE(create, nullptr);
-    containerModule_ = create();
-    ASSERT_NE(containerModule_, nullptr);
-    ASSERT_EQ(containerModule_->Init(), 0);
+    ASSERT_TRUE(containerModule_.Load("libcontainer_module.so")) << containerModule_.Error();
 }
 
 RecordingTask* ContainerFeedFixture::AddRecorder(const std::string& name) {
-    if (hostModule_ == nullptr) hostModule_ = new HostModule();
-    auto* task = new RecordingTask(name);
-    EXPECT_EQ(hostModule_->RegisterTask(task, false), 0);
-    recorders_.push_back(name);
+    RecordingTask* task = host_.Add(new RecordingTask(name));
+    EXPECT_NE(task, nullptr) << name;
     return task;
 }
 
 void ContainerFeedFixture::TearDown() {
-    if (containerModule_ != nullptr) {
-        containerModule_->UnInit();
-        containerModule_->release();
-        containerModule_ = nullptr;
-    }
-    if (hostModule_ != nullptr) {
-        for (const auto& name : recorders_) hostModule_->UnRegisterTask(name);
-        hostModule_->release();
-        hostModule_ = nullptr;
-    }
+    // The service goes first: it must not send to subscribers that are gone.
+    containerModule_.Stop();
+    host_.Clear();
     SDK::ConfigUtils::Clear();
 }
 

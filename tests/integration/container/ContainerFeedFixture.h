@@ -3,42 +3,32 @@
 #include <gtest/gtest.h>
 
 #include <chrono>
-#include <functional>
-#include <mutex>
 #include <string>
-#include <vector>
 
 #include "container/ContainerInfo.h"
 #include "container/ContainerMessage.h"
-#include "framework/Module.h"
-#include "framework/Task.h"
+#include "support/RecordingTask.h"
+#include "support/ServiceModule.h"
+#include "support/TaskHost.h"
 
 namespace Engine {
 namespace Testing {
 
-/// Runs a shell command; its standard output without the trailing newline, "" on failure.
-std::string Shell(const std::string& command);
-
-/// Polls `condition` until it holds or `timeout` passes; true when it held.
-bool WaitFor(const std::function<bool()>& condition,
-             std::chrono::milliseconds timeout = std::chrono::seconds(20));
+/// How long a wait on a real engine may take: it pulls, starts and stops containers.
+constexpr std::chrono::seconds kEngineWait{20};
 
 /// A subscriber that records every container notification it receives.
-class RecordingTask : public Framework::Task, public AbstructMessage<ContainerMessage>::Receiver {
+class RecordingTask : public TestSupport::RecordingTask<ContainerInfo>,
+                      public AbstructMessage<ContainerMessage>::Receiver {
 public:
     explicit RecordingTask(const std::string& name);
     int Receive(const ContainerMessage& msg) override;
     /// Sends this task's (un)subscription to the container task.
     void Subscribe(bool on);
-    std::vector<ContainerInfo> Received();
     /// Notifications about `id` with running == `start`.
-    size_t Count(const std::string& id, bool start);
+    size_t Count(const std::string& id, bool start) const;
     /// The first notification about `id` with running == `start`; false when none yet.
-    bool Find(const std::string& id, bool start, ContainerInfo& out);
-
-private:
-    std::mutex mutex_;  // guards received_ (task thread writes, test thread reads)
-    std::vector<ContainerInfo> received_;
+    bool Find(const std::string& id, bool start, ContainerInfo& out) const;
 };
 
 /// The container module loaded from the build's lib/ as the agent loads it, plus a host module
@@ -51,9 +41,8 @@ protected:
     /// Registers a recording subscriber (not yet subscribed).
     RecordingTask* AddRecorder(const std::string& name);
 
-    Framework::Module* containerModule_ = nullptr;
-    Framework::Module* hostModule_ = nullptr;
-    std::vector<std::string> recorders_;
+    TestSupport::TaskHost host_{"container_test_host"};
+    TestSupport::ServiceModule containerModule_;
 };
 
 }  // namespace Testing

@@ -9,10 +9,15 @@
 
 #include "ContainerFeedFixture.h"
 #include "container/DockerApiClient.h"
+#include "support/Deadline.h"
+#include "support/Shell.h"
 
 namespace Engine {
 namespace Testing {
 namespace {
+
+using TestSupport::Shell;
+using TestSupport::WaitUntil;
 
 const char* const kSocket = "/var/run/docker.sock";
 const char* const kImage = "tarnwick/busybox:latest";
@@ -37,14 +42,14 @@ protected:
         }
     }
     void TearDown() override {
-        for (const auto& id : containers_) Shell("docker rm -f " + id + " >/dev/null 2>&1");
+        for (const auto& id : containers_) Shell::Output("docker rm -f " + id + " >/dev/null 2>&1");
         ContainerFeedFixture::TearDown();
     }
     // Starts a container that sleeps; its full id.
     std::string RunContainer(const std::string& name) {
         // Removed by name: a run that fails half-way still leaves a created container.
         containers_.push_back(name);
-        return Shell("docker run -d --name " + name + " " + kImage + " sleep 300");
+        return Shell::Output("docker run -d --name " + name + " " + kImage + " sleep 300");
     }
     std::string UniqueName(const std::string& what) {
         return "tarnwick-test-" + what + "-" + std::to_string(::getpid());
@@ -62,18 +67,21 @@ TEST_F(FeedAgainstDocker, StartAndExitOfARealContainer) {
     ASSERT_EQ(id.size(), 64u) << "docker run failed";
 
     ContainerInfo info;
-    ASSERT_TRUE(WaitFor([&] { return rec->Find(id, true, info); })) << "no start for " << id;
+    ASSERT_TRUE(WaitUntil([&] { return rec->Find(id, true, info); }, kEngineWait))
+        << "no start for " << id;
     EXPECT_TRUE(info.running);
     EXPECT_EQ(info.name, name);
     EXPECT_EQ(info.cmd, "sleep 300");
     EXPECT_EQ(info.imageName, kImage);
-    EXPECT_EQ(info.imageId, Shell(std::string("docker image inspect -f '{{.Id}}' ") + kImage));
+    EXPECT_EQ(info.imageId,
+              Shell::Output(std::string("docker image inspect -f '{{.Id}}' ") + kImage));
     EXPECT_TRUE(IsDirectory(info.rootPath)) << info.rootPath;
     EXPECT_TRUE(IsDirectory(info.rootPath + "/bin")) << "not the container's root filesystem";
 
-    ASSERT_FALSE(Shell("docker kill " + id).empty());
+    ASSERT_FALSE(Shell::Output("docker kill " + id).empty());
     ContainerInfo exited;
-    ASSERT_TRUE(WaitFor([&] { return rec->Find(id, false, exited); })) << "no exit for " << id;
+    ASSERT_TRUE(WaitUntil([&] { return rec->Find(id, false, exited); }, kEngineWait))
+        << "no exit for " << id;
     EXPECT_FALSE(exited.running);
     EXPECT_EQ(exited.rootPath, info.rootPath);
     EXPECT_EQ(rec->Count(id, true), 1u);
@@ -85,17 +93,17 @@ TEST_F(FeedAgainstDocker, ContainersRunningBeforeTheAgentAreReplayed) {
     LoadModule(kSocket);
     RecordingTask* first = AddRecorder("container_test_docker2");
     first->Subscribe(true);
-    ASSERT_TRUE(WaitFor([&] { return first->Count(id, true) == 1; }));
+    ASSERT_TRUE(WaitUntil([&] { return first->Count(id, true) == 1; }, kEngineWait));
 
     RecordingTask* late = AddRecorder("container_test_docker3");
     late->Subscribe(true);
     ContainerInfo replayed;
-    ASSERT_TRUE(WaitFor([&] { return late->Find(id, true, replayed); }));
+    ASSERT_TRUE(WaitUntil([&] { return late->Find(id, true, replayed); }, kEngineWait));
     EXPECT_TRUE(IsDirectory(replayed.rootPath));
 
-    ASSERT_FALSE(Shell("docker rm -f " + id).empty());
-    ASSERT_TRUE(
-        WaitFor([&] { return first->Count(id, false) == 1 && late->Count(id, false) == 1; }));
+    ASSERT_FALSE(Shell::Output("docker rm -f " + id).empty());
+    ASSERT_TRUE(WaitUntil(
+        [&] { return first->Count(id, false) == 1 && late->Count(id, false) == 1; }, kEngineWait));
     EXPECT_EQ(first->Count(id, true), 1u);
     EXPECT_EQ(late->Count(id, true), 1u);
 }

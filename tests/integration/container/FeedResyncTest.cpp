@@ -11,10 +11,13 @@
 #include "FakeEngine.h"
 #include "framework/Counters.h"
 #include "framework/Gauges.h"
+#include "support/Deadline.h"
 
 namespace Engine {
 namespace Testing {
 namespace {
+
+using TestSupport::WaitUntil;
 
 // Hex ids, as the collector accepts nothing else.
 const std::string kA = "aaaa01";
@@ -82,7 +85,7 @@ protected:
         engine_.reset();
     }
     bool StreamOpen() {
-        return WaitFor([this] { return engine_->OpenEventStreams() == 1; });
+        return WaitUntil([this] { return engine_->OpenEventStreams() == 1; });
     }
 
     EngineState state_;
@@ -95,12 +98,12 @@ TEST_F(FeedAgainstStandIn, EventsBecomeNotificationsWithTheInspectedDescription)
     RecordingTask* rec = AddRecorder("container_test_rec1");
     rec->Subscribe(true);
     ASSERT_TRUE(StreamOpen());
-    ASSERT_TRUE(WaitFor([&] { return rec->Count(kA, true) == 1; }));
+    ASSERT_TRUE(WaitUntil([&] { return rec->Count(kA, true) == 1; }));
 
     state_.Add(kB);
     engine_->PushEvent(Event("start", kB));
     ContainerInfo b;
-    ASSERT_TRUE(WaitFor([&] { return rec->Find(kB, true, b); }));
+    ASSERT_TRUE(WaitUntil([&] { return rec->Find(kB, true, b); }));
     EXPECT_EQ(b.name, "n-" + kB);
     EXPECT_EQ(b.cmd, "sleep 9");
     EXPECT_EQ(b.rootPath, "/m/" + kB);
@@ -108,7 +111,7 @@ TEST_F(FeedAgainstStandIn, EventsBecomeNotificationsWithTheInspectedDescription)
     state_.Remove(kB);
     engine_->PushEvent(Event("die", kB));
     ContainerInfo exited;
-    ASSERT_TRUE(WaitFor([&] { return rec->Find(kB, false, exited); }));
+    ASSERT_TRUE(WaitUntil([&] { return rec->Find(kB, false, exited); }));
     EXPECT_EQ(exited.rootPath, "/m/" + kB);  // the exit carries what the start announced
     EXPECT_EQ(rec->Count(kA, true), 1u);
 }
@@ -119,12 +122,12 @@ TEST_F(FeedAgainstStandIn, EngineComingBackIsResynchronised) {
     RecordingTask* rec = AddRecorder("container_test_rec2");
     rec->Subscribe(true);
     ASSERT_TRUE(StreamOpen());
-    ASSERT_TRUE(WaitFor([&] { return rec->Count(kA, true) == 1 && rec->Count(kB, true) == 1; }));
+    ASSERT_TRUE(WaitUntil([&] { return rec->Count(kA, true) == 1 && rec->Count(kB, true) == 1; }));
 
     // While the engine is away A stops and C starts; B runs on.
     state_.Set({kB, kC});
     engine_->DropEventStreams();
-    ASSERT_TRUE(WaitFor([&] { return rec->Count(kA, false) == 1 && rec->Count(kC, true) == 1; }));
+    ASSERT_TRUE(WaitUntil([&] { return rec->Count(kA, false) == 1 && rec->Count(kC, true) == 1; }));
     EXPECT_TRUE(StreamOpen());
     EXPECT_EQ(rec->Count(kB, true), 1u);
     EXPECT_EQ(rec->Count(kB, false), 0u);
@@ -137,7 +140,7 @@ TEST_F(FeedAgainstStandIn, MalformedInspectIsSkippedAndCounted) {
     rec->Subscribe(true);
     ASSERT_TRUE(StreamOpen());
     // A's start comes from the first resynchronisation: after it only events matter.
-    ASSERT_TRUE(WaitFor([&] { return rec->Count(kA, true) == 1; }));
+    ASSERT_TRUE(WaitUntil([&] { return rec->Count(kA, true) == 1; }));
     const uint64_t before = Framework::Counters::Instance().Value("container.inspect.malformed");
     const uint64_t malformedLines =
         Framework::Counters::Instance().Value("container.events.malformed");
@@ -148,7 +151,7 @@ TEST_F(FeedAgainstStandIn, MalformedInspectIsSkippedAndCounted) {
     state_.Add(kE);
     engine_->PushEvent(Event("start", kE));
     // Handled in order: once E is in, the broken one has been dealt with.
-    ASSERT_TRUE(WaitFor([&] { return rec->Count(kE, true) == 1; }));
+    ASSERT_TRUE(WaitUntil([&] { return rec->Count(kE, true) == 1; }));
     EXPECT_EQ(rec->Count(kBroken, true), 0u);
     EXPECT_EQ(Framework::Counters::Instance().Value("container.inspect.malformed"), before + 1);
     EXPECT_EQ(Framework::Counters::Instance().Value("container.events.malformed"),
@@ -161,7 +164,7 @@ TEST_F(FeedAgainstStandIn, ContainerGoneBeforeItWasSeenIsCountedAndEngineShownCo
     RecordingTask* rec = AddRecorder("container_test_rec6");
     rec->Subscribe(true);
     ASSERT_TRUE(StreamOpen());
-    ASSERT_TRUE(WaitFor([&] { return rec->Count(kA, true) == 1; }));
+    ASSERT_TRUE(WaitUntil([&] { return rec->Count(kA, true) == 1; }));
     EXPECT_EQ(Framework::Gauges::Instance().Value(Framework::GaugeNames::kEngineConnected, -1), 1);
     const uint64_t before = Framework::Counters::Instance().Value("container.start.gone");
 
@@ -169,7 +172,7 @@ TEST_F(FeedAgainstStandIn, ContainerGoneBeforeItWasSeenIsCountedAndEngineShownCo
     engine_->PushEvent(Event("start", kC));
     state_.Add(kE);
     engine_->PushEvent(Event("start", kE));
-    ASSERT_TRUE(WaitFor([&] { return rec->Count(kE, true) == 1; }));
+    ASSERT_TRUE(WaitUntil([&] { return rec->Count(kE, true) == 1; }));
     EXPECT_EQ(rec->Count(kC, true), 0u);
     EXPECT_EQ(Framework::Counters::Instance().Value("container.start.gone"), before + 1);
 }
@@ -180,16 +183,16 @@ TEST_F(FeedAgainstStandIn, LateSubscriberGetsReplayAndUnsubscribedOneNothingMore
     RecordingTask* first = AddRecorder("container_test_rec4");
     first->Subscribe(true);
     ASSERT_TRUE(StreamOpen());
-    ASSERT_TRUE(WaitFor([&] { return first->Count(kA, true) == 1; }));
+    ASSERT_TRUE(WaitUntil([&] { return first->Count(kA, true) == 1; }));
 
     RecordingTask* late = AddRecorder("container_test_rec5");
     late->Subscribe(true);
-    ASSERT_TRUE(WaitFor([&] { return late->Count(kA, true) == 1; }));
+    ASSERT_TRUE(WaitUntil([&] { return late->Count(kA, true) == 1; }));
     late->Subscribe(false);
 
     state_.Add(kB);
     engine_->PushEvent(Event("start", kB));
-    ASSERT_TRUE(WaitFor([&] { return first->Count(kB, true) == 1; }));
+    ASSERT_TRUE(WaitUntil([&] { return first->Count(kB, true) == 1; }));
     EXPECT_EQ(late->Count(kB, true), 0u);
     EXPECT_EQ(first->Count(kA, true), 1u);  // the replay went to the late subscriber only
 }

@@ -23,40 +23,9 @@ uint64_t NextSequence() {
     return ++seq;
 }
 
-ChangeSignal& ChangeSignal::Instance() {
-    static ChangeSignal* instance = new ChangeSignal();  // outlives every task thread
-    return *instance;
-}
-
-void ChangeSignal::Notify() {
-    { std::lock_guard<std::mutex> lock(mutex_); }
-    cv_.notify_all();
-}
-
-bool ChangeSignal::WaitFor(const std::function<bool()>& cond, std::chrono::milliseconds timeout) {
-    const auto deadline = Clock::now() + timeout;
-    while (!cond()) {
-        if (Clock::now() >= deadline) return cond();
-        std::unique_lock<std::mutex> lock(mutex_);
-        // The bounded wait covers a change that slipped in between the check and the wait.
-        cv_.wait_for(lock, std::chrono::milliseconds(20));
-    }
-    return true;
-}
-
 void LogCapture::log(const Poco::Message& msg) {
-    LogLine line;
-    line.seq = NextSequence();
-    line.logger = msg.getSource();
-    line.text = msg.getText();
-    line.priority = static_cast<int>(msg.getPriority());
-    line.file = msg.getSourceFile() != nullptr ? msg.getSourceFile() : "";
-    line.line = msg.getSourceLine();
-    {
-        std::lock_guard<std::mutex> lock(mutex_);
-        lines_.push_back(std::move(line));
-    }
-    ChangeSignal::Instance().Notify();
+    std::lock_guard<std::mutex> lock(mutex_);
+    lines_.push_back({NextSequence(), msg.getSource(), msg.getText(), msg.getPriority()});
 }
 
 std::vector<LogLine> LogCapture::Lines() const {
@@ -70,7 +39,6 @@ void LogCapture::Clear() {
 }
 
 std::vector<LogLine> LogCapture::Exactly(const std::string& text) const {
-    // Scanned under the lock: copying every line on each poll would be quadratic.
     std::lock_guard<std::mutex> lock(mutex_);
     std::vector<LogLine> out;
     for (const auto& l : lines_) {
@@ -86,32 +54,6 @@ std::vector<LogLine> LogCapture::Containing(const std::string& part) const {
         if (l.text.find(part) != std::string::npos) out.push_back(l);
     }
     return out;
-}
-
-LogLine LogCapture::WaitExact(const std::string& text, std::chrono::milliseconds timeout) {
-    LogLine found;
-    ChangeSignal::Instance().WaitFor(
-        [&] {
-            auto hits = Exactly(text);
-            if (hits.empty()) return false;
-            found = hits.front();
-            return true;
-        },
-        timeout);
-    return found;
-}
-
-LogLine LogCapture::WaitContaining(const std::string& part, std::chrono::milliseconds timeout) {
-    LogLine found;
-    ChangeSignal::Instance().WaitFor(
-        [&] {
-            auto hits = Containing(part);
-            if (hits.empty()) return false;
-            found = hits.front();
-            return true;
-        },
-        timeout);
-    return found;
 }
 
 std::string LogCapture::Dump() const {
@@ -137,15 +79,8 @@ LogCapture& Logs() {
 }
 
 void Journal::Add(const std::string& task, std::shared_ptr<Framework::Message> msg) {
-    Recorded r;
-    r.seq = NextSequence();
-    r.task = task;
-    r.msg = std::move(msg);
-    {
-        std::lock_guard<std::mutex> lock(mutex_);
-        entries_.push_back(std::move(r));
-    }
-    ChangeSignal::Instance().Notify();
+    std::lock_guard<std::mutex> lock(mutex_);
+    entries_.push_back({NextSequence(), task, std::move(msg)});
 }
 
 void Journal::Clear() {

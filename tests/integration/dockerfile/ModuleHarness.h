@@ -5,9 +5,7 @@
 #include <json/json.h>
 
 #include <chrono>
-#include <condition_variable>
 #include <cstdint>
-#include <functional>
 #include <memory>
 #include <mutex>
 #include <string>
@@ -20,33 +18,16 @@
 
 namespace DockerFileHarness {
 
-using Clock = std::chrono::steady_clock;
 constexpr std::chrono::milliseconds kDeadline{5000};
 
 /// One ordering for log lines and sent messages, so a test can tell which came first.
 uint64_t NextSequence();
-
-/// Wakes every waiter when a log line or a message was recorded.
-class ChangeSignal {
-public:
-    static ChangeSignal& Instance();
-    void Notify();
-    /// Re-evaluates `cond` on every change (and at least every 20 ms) until it holds or the
-    /// deadline passes; returns its last value.
-    bool WaitFor(const std::function<bool()>& cond, std::chrono::milliseconds timeout = kDeadline);
-
-private:
-    std::mutex mutex_;  // guards nothing but the wait itself
-    std::condition_variable cv_;
-};
 
 struct LogLine {
     uint64_t seq = 0;
     std::string logger;
     std::string text;
     int priority = 0;
-    std::string file;
-    int line = 0;
 };
 
 /// A Poco channel keeping every record it is given. Installed as the agent's root channel, so
@@ -61,10 +42,6 @@ public:
     std::vector<LogLine> Exactly(const std::string& text) const;
     /// Lines whose text contains `part`.
     std::vector<LogLine> Containing(const std::string& part) const;
-    /// Waits until a line with exactly this text exists; returns it (seq 0 when none came).
-    LogLine WaitExact(const std::string& text, std::chrono::milliseconds timeout = kDeadline);
-    /// Waits until a line containing `part` exists.
-    LogLine WaitContaining(const std::string& part, std::chrono::milliseconds timeout = kDeadline);
     /// All lines, one per row, for failure messages.
     std::string Dump() const;
 
@@ -97,13 +74,6 @@ public:
             if (auto typed = std::dynamic_pointer_cast<T>(r.msg)) out.push_back(typed);
         }
         return out;
-    }
-    /// Waits until `task` received at least `count` messages of type T.
-    template <class T>
-    bool WaitCount(const std::string& task, size_t count,
-                   std::chrono::milliseconds timeout = kDeadline) const {
-        return ChangeSignal::Instance().WaitFor([&] { return Of<T>(task).size() >= count; },
-                                                timeout);
     }
 
 private:
@@ -154,7 +124,6 @@ public:
     /// Delivers a policy document under key "10001" as the agent does; the framework's result.
     int DeliverPolicy(const std::string& document);
 
-    Framework::Module* GetModule() const { return module_; }
     /// The module's task, or null when it is not (or no longer) registered.
     Framework::Task* ModuleTask() const;
 

@@ -50,6 +50,16 @@ bool WriteSizedElf(const std::string& path, off_t size) {
 /// The executable the tests copy into container roots.
 std::string SystemElf() { return "/bin/true"; }
 
+/// `inContainer` named through a host path of exactly `length` characters, padded with "/."
+/// (and one doubled slash for odd lengths), which all resolve away.
+std::string PaddedName(const std::string& root, const std::string& inContainer, size_t length) {
+    std::string pad;
+    const size_t fixed = root.size() + inContainer.size();
+    while (fixed + pad.size() + 2 <= length) pad += "/.";
+    if (fixed + pad.size() < length) pad += "/";
+    return root + pad + inContainer;
+}
+
 class RootFsAlarmTest : public ModuleFixture {
 protected:
     void SetUp() override {
@@ -72,17 +82,6 @@ protected:
         harness.SendAuditEvent(key, {name}, true, false, std::to_string(getpid()),
                                std::to_string(getppid()), "cp");
     }
-    /// The event is dropped with exactly this log line (text and priority) and no alarm beyond
-    /// the `alarmsBefore` raised earlier in the test.
-    void ExpectDropped(const std::string& line, int priority, size_t alarmsBefore = 0) {
-        ASSERT_TRUE(harness.Sync());
-        EXPECT_EQ(alarmsBefore, Alarms().size());
-        auto hits = Logs().Exactly(line);
-        ASSERT_EQ(1u, hits.size()) << "missing: " << line << "\n" << Logs().Dump();
-        EXPECT_EQ(priority, hits[0].priority);
-        EXPECT_EQ("dockerfile_module", hits[0].logger);
-    }
-
     TempDir root;
 };
 
@@ -90,257 +89,162 @@ TEST_F(RootFsAlarmTest, ExecutableWrittenIntoTheRootRaisesAFullAlarm) {
     const int64_t before = static_cast<int64_t>(time(nullptr));
     Write(Host("/usr/bin/tool"));
     Json::Value doc = WaitAlarm(1);
-    const int64_t after = static_cast<int64_t>(time(nullptr));
-    ASSERT_TRUE(doc.isObject());
-
-    const std::vector<std::string> keys = {
-        "attack_phase",   "attack_tag",    "confidence",  "container_name", "detect_module",
-        "event_category", "event_classid", "event_count", "event_id",       "event_name",
-        "event_type",     "file_info",     "image_name",  "occur_time",     "process_info",
-        "resource_info",  "serverity",     "type"};
-    EXPECT_EQ(keys, doc.getMemberNames());
-    ASSERT_TRUE(doc["event_id"].isString());
-    EXPECT_FALSE(doc["event_id"].asString().empty());
-    EXPECT_EQ("Container rootFs exception", doc["event_name"].asString());
-    EXPECT_EQ("dockerfile_002", doc["event_classid"].asString());
-    EXPECT_EQ("container_root_fs_modification", doc["type"].asString());
-    EXPECT_EQ("box", doc["container_name"].asString());
-    EXPECT_EQ("busybox:1", doc["image_name"].asString());
-    ASSERT_TRUE(doc["occur_time"].isIntegral());
-    EXPECT_GE(doc["occur_time"].asInt64(), before);
-    EXPECT_LE(doc["occur_time"].asInt64(), after);
-    const std::pair<const char*, int> numbers[] = {
-        {"event_category", 3000}, {"event_type", 3021}, {"serverity", 2},  {"event_count", 1},
-        {"attack_phase", 4},      {"attack_tag", 4},    {"confidence", 60}};
-    for (const auto& n : numbers) {
-        SCOPED_TRACE(n.first);
-        ASSERT_TRUE(doc[n.first].isInt());
-        EXPECT_EQ(n.second, doc[n.first].asInt());
-    }
-    EXPECT_EQ("dockerfile_module", doc["detect_module"].asString());
-
-    const Json::Value& resource = doc["resource_info"];
-    EXPECT_EQ((std::vector<std::string>{"container_id", "image_id"}), resource.getMemberNames());
-    EXPECT_EQ("c-elf", resource["container_id"].asString());
-    EXPECT_EQ("sha256:elf", resource["image_id"].asString());
-
-    const Json::Value& files = doc["file_info"];
-    ASSERT_TRUE(files.isArray());
-    ASSERT_EQ(1u, files.size());
-    const Json::Value& file = files[0];
-    EXPECT_EQ((std::vector<std::string>{"file_attr", "file_operation", "file_path", "file_sha256",
-                                        "file_type"}),
-              file.getMemberNames());
-    EXPECT_EQ("/usr/bin/tool", file["file_path"].asString());
-    EXPECT_EQ(Sha256OfFile(SystemElf()), file["file_sha256"].asString());
-    EXPECT_EQ(64u, file["file_sha256"].asString().size());
-    EXPECT_EQ("elf", file["file_type"].asString());
+    // An unsigned member: compared on its own, as parsed text cannot carry the type.
+    Json::Value& file = doc["file_info"][0];
     ASSERT_TRUE(file["file_attr"].isIntegral());
     EXPECT_EQ(33261u, file["file_attr"].asUInt()) << "regular file, mode 0755";
-    ASSERT_TRUE(file["file_operation"].isInt());
-    EXPECT_EQ(2, file["file_operation"].asInt());
+    file.removeMember("file_attr");
+    Json::Value want = FromText(R"({
+        "attack_phase": 4, "attack_tag": 4, "confidence": 60, "container_name": "box",
+        "detect_module": "dockerfile_module", "event_category": 3000,
+        "event_classid": "dockerfile_002", "event_count": 1,
+        "event_name": "Container rootFs exception", "event_type": 3021,
+        "file_info": [{"file_operation": 2, "file_path": "/usr/bin/tool", "file_sha256": "",
+                       "file_type": "elf"}],
+        "image_name": "busybox:1",
+        "process_info": [{"parent_process_pid": 0, "process_container_id": "",
+                          "process_name": "cp", "process_pid": 0}],
+        "resource_info": {"container_id": "c-elf", "image_id": "sha256:elf"},
+        "serverity": 2, "type": "container_root_fs_modification"})");
+    want["file_info"][0]["file_sha256"] = Sha256OfFile(SystemElf());
+    want["process_info"][0]["parent_process_pid"] = getppid();
+    want["process_info"][0]["process_pid"] = getpid();
+    ExpectAlarm(doc, want, before);
 
-    const Json::Value& procs = doc["process_info"];
-    ASSERT_TRUE(procs.isArray());
-    ASSERT_EQ(1u, procs.size());
-    const Json::Value& proc = procs[0];
-    EXPECT_EQ((std::vector<std::string>{"parent_process_pid", "process_container_id",
-                                        "process_name", "process_pid"}),
-              proc.getMemberNames());
-    EXPECT_EQ("cp", proc["process_name"].asString());
-    ASSERT_TRUE(proc["process_pid"].isInt());
-    EXPECT_EQ(getpid(), proc["process_pid"].asInt());
-    ASSERT_TRUE(proc["parent_process_pid"].isInt());
-    EXPECT_EQ(getppid(), proc["parent_process_pid"].asInt());
-    ASSERT_TRUE(proc["process_container_id"].isString());
-    EXPECT_EQ("", proc["process_container_id"].asString()) << "the test runs on the host";
-
-    auto received = Logs().Exactly(
-        "Docker file rootFs receive audit message. write(1), attr(0), "
-        "file(" +
-        Host("/usr/bin/tool") + ")");
-    ASSERT_EQ(1u, received.size()) << Logs().Dump();
-    EXPECT_EQ(Poco::Message::PRIO_DEBUG, received[0].priority);
-    auto sent = Logs().Exactly(
-        "Docker file send rootFs monitor alarm, container(box), "
-        "image(busybox:1), file(/usr/bin/tool), event(2)");
-    ASSERT_EQ(1u, sent.size()) << Logs().Dump();
-    EXPECT_EQ(Poco::Message::PRIO_INFORMATION, sent[0].priority);
-    EXPECT_LT(sent[0].seq, Sent().To(kReportTask)[0].seq) << "logged before it is sent";
+    EXPECT_EQ((std::vector<std::string>{
+                  "D Docker file rootFs receive audit message. write(1), attr(0), file(" +
+                      Host("/usr/bin/tool") + ")",
+                  "I Docker file send rootFs monitor alarm, container(box), image(busybox:1), "
+                  "file(/usr/bin/tool), event(2)",
+                  "to data_comm_report_task: alarm type 2"}),
+              Timeline());
 }
 
-TEST_F(RootFsAlarmTest, AccessKindDecidesTheOperation) {
-    harness.SendAuditEvent("cid:c-elf", {Host("/usr/bin/tool")}, false, true);
-    EXPECT_EQ(1, WaitAlarm(1)["file_info"][0]["file_operation"].asInt());
-    harness.SendAuditEvent("cid:c-elf", {Host("/usr/bin/tool")}, true, true);
-    EXPECT_EQ(2, WaitAlarm(2)["file_info"][0]["file_operation"].asInt());
-    EXPECT_EQ(1u, Logs()
-                      .Exactly("Docker file send rootFs monitor alarm, container(box), "
-                               "image(busybox:1), file(/usr/bin/tool), event(1)")
-                      .size());
-
-    harness.SendAuditEvent("cid:c-elf", {Host("/usr/bin/tool")}, false, false);
-    ASSERT_TRUE(harness.Sync());
-    EXPECT_EQ(2u, Alarms().size());
-    auto invalid =
-        Logs().Exactly("Docker file audit receive invalid event. " + Host("/usr/bin/tool"));
-    ASSERT_EQ(1u, invalid.size()) << Logs().Dump();
-    EXPECT_EQ(Poco::Message::PRIO_WARNING, invalid[0].priority);
-}
-
-TEST_F(RootFsAlarmTest, OwnerExecuteBitIsWhatCounts) {
-    ASSERT_TRUE(CopyFile(SystemElf(), Host("/usr/bin/owner"), 0744));
-    Write(Host("/usr/bin/owner"));
-    Json::Value doc = WaitAlarm(1);
-    EXPECT_EQ(0100744u, doc["file_info"][0]["file_attr"].asUInt());
-
-    for (mode_t mode : {0644, 0655, 0011}) {
-        SCOPED_TRACE(mode);
+// The access kind gives the operation; process ids are decimal text narrowed to 32 bits.
+TEST_F(RootFsAlarmTest, AccessKindAndProcessIds) {
+    const struct {
+        bool write;
+        bool attr;
+        const char* pid;
+        const char* ppid;
+        int operation;
+        int pidOut;
+        int ppidOut;
+    } rows[] = {
+        {false, true, "0", "1", 1, 0, 1},
+        {true, true, "abc", "", 2, 0, 0},
+        {true, false, "4294967297", "4294967295", 2, 1, -1},
+        {true, false, "12x", "-5", 2, 12, -5},
+    };
+    size_t n = 0;
+    for (const auto& row : rows) {
+        SCOPED_TRACE(std::string(row.pid) + " " + row.ppid);
         Logs().Clear();
-        const std::string path = Host("/usr/bin/m" + std::to_string(mode));
-        ASSERT_TRUE(CopyFile(SystemElf(), path, mode));
-        Write(path);
-        ASSERT_TRUE(harness.Sync());
-        EXPECT_EQ(1u, Alarms().size());
-        EXPECT_EQ(
-            1u,
-            Logs().Exactly("Docker file audit not file or not executable: " + path + " ").size())
-            << Logs().Dump();
+        harness.SendAuditEvent("cid:c-elf", {Host("/usr/bin/tool")}, row.write, row.attr, row.pid,
+                               row.ppid, "sh");
+        Json::Value doc = WaitAlarm(++n);
+        EXPECT_EQ(row.operation, doc["file_info"][0]["file_operation"].asInt());
+        EXPECT_EQ(1u, Logs()
+                          .Exactly("Docker file send rootFs monitor alarm, container(box), "
+                                   "image(busybox:1), file(/usr/bin/tool), event(" +
+                                   std::to_string(row.operation) + ")")
+                          .size());
+        const Json::Value& p = doc["process_info"][0];
+        EXPECT_EQ(row.pidOut, p["process_pid"].asInt());
+        EXPECT_EQ(row.ppidOut, p["parent_process_pid"].asInt());
+        EXPECT_EQ("", p["process_container_id"].asString());
+        EXPECT_EQ("sh", p["process_name"].asString());
     }
 }
 
-TEST_F(RootFsAlarmTest, ScriptsAndDataFilesAreNotElf) {
-    ASSERT_TRUE(WriteFile(Host("/usr/bin/script"), "#!/bin/sh\necho hi\n", 0755));
-    Write(Host("/usr/bin/script"));
-    ExpectDropped("Docker file audit file is not elf " + Host("/usr/bin/script") + ".",
-                  Poco::Message::PRIO_DEBUG);
-
-    ASSERT_TRUE(WriteFile(Host("/data.bin"), std::string(4096, '\x01'), 0755));
-    Write(Host("/data.bin"));
-    ExpectDropped("Docker file audit file is not elf " + Host("/data.bin") + ".",
-                  Poco::Message::PRIO_DEBUG);
-
-    ASSERT_TRUE(WriteFile(Host("/notes.txt"), "plain data\n", 0644));
-    Write(Host("/notes.txt"));
-    ExpectDropped("Docker file audit not file or not executable: " + Host("/notes.txt") + " ",
-                  Poco::Message::PRIO_DEBUG);
+TEST_F(RootFsAlarmTest, OwnerExecuteBitSuffices) {
+    ASSERT_TRUE(CopyFile(SystemElf(), Host("/usr/bin/owner"), 0744));
+    Write(Host("/usr/bin/owner"));
+    EXPECT_EQ(0100744u, WaitAlarm(1)["file_info"][0]["file_attr"].asUInt());
 }
 
-TEST_F(RootFsAlarmTest, ElfMagicNeedsSixReadableBytes) {
-    ASSERT_TRUE(WriteFile(Host("/empty"), "", 0755));
-    Write(Host("/empty"));
-    ExpectDropped("Docker file audit file is not elf " + Host("/empty") + ".",
-                  Poco::Message::PRIO_DEBUG);
-
-    ASSERT_TRUE(WriteFile(Host("/magic4"),
-                          "\x7f"
-                          "ELF",
-                          0755));
-    Write(Host("/magic4"));
-    ExpectDropped("Docker file audit file is not elf " + Host("/magic4") + ".",
-                  Poco::Message::PRIO_DEBUG);
-
-    ASSERT_TRUE(WriteFile(Host("/magic5"),
-                          "\x7f"
-                          "ELFx",
-                          0755));
-    Write(Host("/magic5"));
-    ExpectDropped("Docker file audit file is not elf " + Host("/magic5") + ".",
-                  Poco::Message::PRIO_DEBUG);
-
-    // Magic plus any two bytes is enough: class, type and machine are not looked at.
-    ASSERT_TRUE(WriteFile(Host("/magic6"),
-                          std::string("\x7f"
-                                      "ELF\xff\x00",
-                                      6),
-                          0755));
-    Write(Host("/magic6"));
-    Json::Value doc = WaitAlarm(1);
-    EXPECT_EQ("/magic6", doc["file_info"][0]["file_path"].asString());
-    EXPECT_EQ(Sha256OfFile(Host("/magic6")), doc["file_info"][0]["file_sha256"].asString());
-}
-
-TEST_F(RootFsAlarmTest, NonRegularFilesAreRejectedWithoutBeingOpened) {
+// Each filter drops the event with its own line, and only the first failing one speaks: the
+// file is judged before the access kind, the access kind before the key.
+TEST_F(RootFsAlarmTest, DroppedEventsSayWhy) {
+    const std::string tool = Host("/usr/bin/tool");
+    ASSERT_TRUE(WriteFile(Host("/script"), "#!/bin/sh\necho hi\n", 0755));
+    ASSERT_TRUE(CopyFile(SystemElf(), Host("/elf0644"), 0644));
+    ASSERT_TRUE(CopyFile(SystemElf(), Host("/elf0011"), 0011));
     ASSERT_EQ(0, mkfifo(Host("/fifo").c_str(), 0755));
     ASSERT_EQ(0, chmod(Host("/fifo").c_str(), 0755));
-    Write(Host("/fifo"));
-    ExpectDropped("Docker file audit not file or not executable: " + Host("/fifo") + " ",
-                  Poco::Message::PRIO_DEBUG);
-
-    Write(Host("/usr/bin"));
-    ExpectDropped("Docker file audit not file or not executable: " + Host("/usr/bin") + " ",
-                  Poco::Message::PRIO_DEBUG);
-
-    Write("/dev/null");
-    ExpectDropped("Docker file audit not file or not executable: /dev/null ",
-                  Poco::Message::PRIO_DEBUG);
-}
-
-TEST_F(RootFsAlarmTest, UnresolvablePathsAreRejected) {
-    Write(Host("/usr/bin/gone"));
-    ExpectDropped("Docker file audit receive invalid file path: " + Host("/usr/bin/gone"),
-                  Poco::Message::PRIO_WARNING);
-    Write(Host("/no/such/dir/tool"));
-    ExpectDropped("Docker file audit receive invalid file path: " + Host("/no/such/dir/tool"),
-                  Poco::Message::PRIO_WARNING);
-    Write("");
-    ExpectDropped("Docker file audit receive invalid file path: ", Poco::Message::PRIO_WARNING);
-    EXPECT_TRUE(Logs().Containing("rootFs receive audit message").empty())
-        << "the receive line comes only after the path resolved";
-}
-
-TEST_F(RootFsAlarmTest, EventWithoutPathsIsRejected) {
-    harness.SendAuditEvent("cid:c-elf", {}, true, false);
-    ExpectDropped("Docker file receive invalid audit message.", Poco::Message::PRIO_WARNING);
-}
-
-/// `inContainer` named through a host path of exactly `length` characters, padded with "/."
-/// (and one doubled slash for odd lengths), which all resolve away.
-std::string PaddedName(const std::string& root, const std::string& inContainer, size_t length) {
-    std::string pad;
-    const size_t fixed = root.size() + inContainer.size();
-    while (fixed + pad.size() + 2 <= length) pad += "/.";
-    if (fixed + pad.size() < length) pad += "/";
-    return root + pad + inContainer;
-}
-
-TEST_F(RootFsAlarmTest, PathLengthLimitIsFourThousandNinetySixCharacters) {
-    const std::string longest = PaddedName(root.Path(), "/usr/bin/tool", 4096);
-    ASSERT_EQ(4096u, longest.size());
-    Write(longest);
-    Json::Value doc = WaitAlarm(1);
-    EXPECT_EQ("/usr/bin/tool", doc["file_info"][0]["file_path"].asString());
-    EXPECT_EQ(1u,
-              Logs()
-                  .Exactly("Docker file rootFs receive audit message. write(1), attr(0), file(" +
-                           longest + ")")
-                  .size())
-        << "the name is logged as received";
-
+    ASSERT_EQ(0, symlink(Host("/script").c_str(), Host("/usr/bin/elf-looking").c_str()));
     const std::string tooLong = PaddedName(root.Path(), "/usr/bin/tool", 4097);
     ASSERT_EQ(4097u, tooLong.size());
-    Write(tooLong);
-    ExpectDropped("Docker file audit receive invalid file path: " + tooLong,
-                  Poco::Message::PRIO_WARNING, 1);
-    EXPECT_EQ(1u, Alarms().size());
+    const std::string notFile = "D Docker file audit not file or not executable: ";
+    const std::string notElf = "D Docker file audit file is not elf ";
+    const std::string badPath = "W Docker file audit receive invalid file path: ";
+    const std::string badKey = "W Docker file audit get invalid module info: ";
+    const std::string noContainer = "W Docker file audit get container info failed, cid:";
+    const std::string ok = "cid:c-elf";
+    const struct {
+        std::vector<std::string> paths;
+        std::string key;
+        bool write;
+        std::string line;
+    } rows[] = {
+        {{}, ok, true, "W Docker file receive invalid audit message."},
+        {{Host("/usr/bin/gone")}, ok, true, badPath + Host("/usr/bin/gone")},
+        {{""}, ok, true, badPath},
+        {{tooLong}, ok, true, badPath + tooLong},
+        {{Host("/usr/bin/elf-looking")}, ok, true, notElf + Host("/script") + "."},
+        {{Host("/script"), tool}, ok, true, notElf + Host("/script") + "."},
+        {{Host("/script")}, "bogus", false, notElf + Host("/script") + "."},
+        {{Host("/elf0644")}, ok, true, notFile + Host("/elf0644") + " "},
+        {{Host("/elf0011")}, ok, true, notFile + Host("/elf0011") + " "},
+        {{Host("/fifo")}, ok, true, notFile + Host("/fifo") + " "},
+        {{Host("/usr/bin")}, ok, true, notFile + Host("/usr/bin") + " "},
+        {{"/dev/null"}, ok, true, notFile + "/dev/null "},
+        {{tool}, "bogus", false, "W Docker file audit receive invalid event. " + tool},
+        {{tool}, "x-cid:c-elf", true, badKey + "x-cid:c-elf"},
+        {{tool}, "", true, badKey},
+        {{tool}, "CID:c-elf", true, badKey + "CID:c-elf"},
+        {{tool}, " cid:c-elf", true, badKey + " cid:c-elf"},
+        {{tool}, "cid:", true, noContainer},
+        {{tool}, "cid:c-elfx", true, noContainer + "c-elfx"},
+    };
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.line);
+        Logs().Clear();
+        harness.SendAuditEvent(row.key, row.paths, row.write, false, "1", "0", "cp");
+        ASSERT_TRUE(harness.Sync());
+        // Only the first failing filter speaks; the receive line comes once the path resolved.
+        std::vector<std::string> expected;
+        if (!row.paths.empty() && row.line.rfind(badPath, 0) != 0) {
+            expected.push_back("D Docker file rootFs receive audit message. write(" +
+                               std::string(row.write ? "1" : "0") + "), attr(0), file(" +
+                               row.paths[0] + ")");
+        }
+        expected.push_back(row.line);
+        EXPECT_EQ(expected, Timeline());
+    }
 }
 
-TEST_F(RootFsAlarmTest, SymbolicLinksAreJudgedByTheirTarget) {
+// A name of the longest length, a link and a first path item all lead to the tool; the name is
+// logged as received.
+TEST_F(RootFsAlarmTest, NamesResolvingToTheToolAlarmForIt) {
     ASSERT_EQ(0, symlink(Host("/usr/bin/tool").c_str(), Host("/usr/bin/alias").c_str()));
-    Write(Host("/usr/bin/alias"));
-    Json::Value doc = WaitAlarm(1);
-    EXPECT_EQ("/usr/bin/tool", doc["file_info"][0]["file_path"].asString());
-    EXPECT_EQ(1u,
-              Logs()
-                  .Exactly("Docker file rootFs receive audit message. write(1), attr(0), file(" +
-                           Host("/usr/bin/alias") + ")")
-                  .size());
-
     ASSERT_TRUE(WriteFile(Host("/script"), "#!/bin/sh\n", 0755));
-    ASSERT_EQ(0, symlink(Host("/script").c_str(), Host("/usr/bin/elf-looking").c_str()));
-    Write(Host("/usr/bin/elf-looking"));
-    ExpectDropped("Docker file audit file is not elf " + Host("/script") + ".",
-                  Poco::Message::PRIO_DEBUG, 1);
+    const std::string longest = PaddedName(root.Path(), "/usr/bin/tool", 4096);
+    ASSERT_EQ(4096u, longest.size());
+    const std::vector<std::vector<std::string>> names = {
+        {longest}, {Host("/usr/bin/alias")}, {Host("/usr/bin/tool"), Host("/script")}};
+    size_t n = 0;
+    for (const auto& paths : names) {
+        SCOPED_TRACE(paths[0].substr(0, 80));
+        Logs().Clear();
+        harness.SendAuditEvent("cid:c-elf", paths, true, false);
+        EXPECT_EQ("/usr/bin/tool", WaitAlarm(++n)["file_info"][0]["file_path"].asString());
+        EXPECT_EQ(
+            1u, Logs()
+                    .Exactly("Docker file rootFs receive audit message. write(1), attr(0), file(" +
+                             paths[0] + ")")
+                    .size());
+    }
 }
 
 TEST_F(RootFsAlarmTest, ALinkOutOfTheRootIsCutByTheRootLengthAlone) {
@@ -352,15 +256,6 @@ TEST_F(RootFsAlarmTest, ALinkOutOfTheRootIsCutByTheRootLengthAlone) {
     Json::Value doc = WaitAlarm(1);
     EXPECT_EQ("/evil", doc["file_info"][0]["file_path"].asString());
     EXPECT_EQ(Sha256OfFile(SystemElf()), doc["file_info"][0]["file_sha256"].asString());
-}
-
-TEST_F(RootFsAlarmTest, OnlyTheFirstPathItemIsExamined) {
-    ASSERT_TRUE(WriteFile(Host("/script"), "#!/bin/sh\n", 0755));
-    harness.SendAuditEvent("cid:c-elf", {Host("/script"), Host("/usr/bin/tool")}, true, false);
-    ExpectDropped("Docker file audit file is not elf " + Host("/script") + ".",
-                  Poco::Message::PRIO_DEBUG);
-    harness.SendAuditEvent("cid:c-elf", {Host("/usr/bin/tool"), Host("/script")}, true, false);
-    EXPECT_EQ("/usr/bin/tool", WaitAlarm(1)["file_info"][0]["file_path"].asString());
 }
 
 TEST_F(RootFsAlarmTest, HashUpToTenMiBThenTheSizeStandsIn) {
@@ -376,51 +271,8 @@ TEST_F(RootFsAlarmTest, HashUpToTenMiBThenTheSizeStandsIn) {
     EXPECT_EQ("/over", over["file_info"][0]["file_path"].asString());
 }
 
-class RootFsKeyTest : public RootFsAlarmTest {};
-
-TEST_F(RootFsKeyTest, KeyMustStartWithCid) {
-    for (const std::string key : {"x-cid:c-elf", "", "CID:c-elf", " cid:c-elf"}) {
-        SCOPED_TRACE(key);
-        Logs().Clear();
-        Write(Host("/usr/bin/tool"), key);
-        ExpectDropped("Docker file audit get invalid module info: " + key,
-                      Poco::Message::PRIO_WARNING);
-    }
-}
-
-TEST_F(RootFsKeyTest, ContainerMustBeCached) {
-    Write(Host("/usr/bin/tool"), "cid:");
-    ExpectDropped("Docker file audit get container info failed, cid:", Poco::Message::PRIO_WARNING);
-    Write(Host("/usr/bin/tool"), "cid:c-elfx");
-    ExpectDropped("Docker file audit get container info failed, cid:c-elfx",
-                  Poco::Message::PRIO_WARNING);
-    Write(Host("/usr/bin/tool"), "cid:cid:c-elf");
-    ExpectDropped("Docker file audit get container info failed, cid:cid:c-elf",
-                  Poco::Message::PRIO_WARNING);
-
-    Notify(MakeContainer("c-elf", "box", "sha256:elf", "busybox:1", root.Path(), false));
-    Logs().Clear();
-    Write(Host("/usr/bin/tool"));
-    ExpectDropped("Docker file audit get container info failed, cid:c-elf",
-                  Poco::Message::PRIO_WARNING);
-}
-
-TEST_F(RootFsKeyTest, FileFiltersComeBeforeTheAccessKindAndTheKey) {
-    ASSERT_TRUE(WriteFile(Host("/script"), "#!/bin/sh\n", 0755));
-    harness.SendAuditEvent("bogus", {Host("/script")}, false, false);
-    ExpectDropped("Docker file audit file is not elf " + Host("/script") + ".",
-                  Poco::Message::PRIO_DEBUG);
-    EXPECT_TRUE(Logs().Containing("invalid event").empty());
-    EXPECT_TRUE(Logs().Containing("invalid module info").empty());
-
-    // With a valid file, the access kind is judged before the key.
-    harness.SendAuditEvent("bogus", {Host("/usr/bin/tool")}, false, false);
-    ExpectDropped("Docker file audit receive invalid event. " + Host("/usr/bin/tool"),
-                  Poco::Message::PRIO_WARNING);
-    EXPECT_TRUE(Logs().Containing("invalid module info").empty());
-}
-
-TEST_F(RootFsKeyTest, CachedContainerWithoutTheExecutableBanStillAlarms) {
+// The key names the container, whatever its rule says; an exited one is no longer known.
+TEST_F(RootFsAlarmTest, TheKeyNamesACachedContainer) {
     TempDir other;
     ASSERT_TRUE(CopyFile(SystemElf(), other.Path() + "/tool", 0755));
     Notify(MakeContainer("c-allow", "free", "sha256:allow", "alpine", other.Path()));
@@ -429,34 +281,13 @@ TEST_F(RootFsKeyTest, CachedContainerWithoutTheExecutableBanStillAlarms) {
     Json::Value doc = WaitAlarm(1);
     EXPECT_EQ("free", doc["container_name"].asString());
     EXPECT_EQ("/tool", doc["file_info"][0]["file_path"].asString());
-}
 
-class RootFsProcessTest : public RootFsAlarmTest {
-protected:
-    Json::Value ProcessOf(const std::string& pid, const std::string& ppid, size_t n) {
-        harness.SendAuditEvent("cid:c-elf", {Host("/usr/bin/tool")}, true, false, pid, ppid, "sh");
-        return WaitAlarm(n)["process_info"][0];
-    }
-};
-
-TEST_F(RootFsProcessTest, ProcessIdsAreDecimalTextNarrowedToThirtyTwoBits) {
-    Json::Value p = ProcessOf("0", "1", 1);
-    EXPECT_EQ(0, p["process_pid"].asInt());
-    EXPECT_EQ(1, p["parent_process_pid"].asInt());
-    EXPECT_EQ("", p["process_container_id"].asString());
-
-    p = ProcessOf("abc", "", 2);
-    EXPECT_EQ(0, p["process_pid"].asInt());
-    EXPECT_EQ(0, p["parent_process_pid"].asInt());
-
-    p = ProcessOf("4294967297", "4294967295", 3);
-    EXPECT_EQ(1, p["process_pid"].asInt());
-    EXPECT_EQ(-1, p["parent_process_pid"].asInt());
-
-    p = ProcessOf("12x", "-5", 4);
-    EXPECT_EQ(12, p["process_pid"].asInt());
-    EXPECT_EQ(-5, p["parent_process_pid"].asInt());
-    EXPECT_EQ("sh", p["process_name"].asString());
+    Notify(MakeContainer("c-elf", "box", "sha256:elf", "busybox:1", root.Path(), false));
+    Logs().Clear();
+    Write(Host("/usr/bin/tool"));
+    ASSERT_TRUE(harness.Sync());
+    EXPECT_EQ(1u, Alarms().size());
+    EXPECT_EQ(1u, Logs().Exactly("Docker file audit get container info failed, cid:c-elf").size());
 }
 
 class EscapedErrorTest : public RootFsAlarmTest {};
@@ -468,7 +299,6 @@ TEST_F(EscapedErrorTest, ARootLongerThanTheResolvedPathIsCaughtByTheFrameworkLoo
     Logs().Clear();
     auto& counter = Framework::Counters::Instance();
     const uint64_t before = counter.Value(Framework::CounterNames::kHandlerException);
-    ASSERT_STREQ("framework.handler.exception", Framework::CounterNames::kHandlerException);
 
     Write(Host("/usr/bin/tool"), "cid:c-long");
     ASSERT_TRUE(harness.Sync()) << "the task goes on after the error";

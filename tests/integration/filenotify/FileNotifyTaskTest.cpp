@@ -1,5 +1,4 @@
 #include <dirent.h>
-#include <dlfcn.h>
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/inotify.h>
@@ -7,18 +6,20 @@
 #include <unistd.h>
 
 #include <chrono>
-#include <condition_variable>
-#include <cstdlib>
 #include <functional>
-#include <mutex>
 #include <string>
 #include <vector>
 
 #include "engine/AbstractMessageReceiver.h"
 #include "filenotify/FileNotifyMessage.h"
 #include "filenotify/FileNotifyWatchMessage.h"
-#include "framework/Module.h"
 #include "framework/Task.h"
+#include "support/Deadline.h"
+#include "support/RecordingTask.h"
+#include "support/ServiceModule.h"
+#include "support/Shell.h"
+#include "support/TaskHost.h"
+#include "support/TempDir.h"
 
 namespace {
 
@@ -37,40 +38,24 @@ struct Event {
 };
 
 // Stands in for a task that asked for watches: records what it is sent.
-class RecordingTask : public Framework::Task, public Engine::AbstractMessageReceiver {
+class RecordingTask : public TestSupport::RecordingTask<Event>,
+                      public Engine::AbstractMessageReceiver {
 public:
     explicit RecordingTask(const std::string& name)
-        : Framework::Task(name, "test_feature", Framework::TaskCondition::TASK_TYPE_MESSAGE, 4096) {
-    }
+        : TestSupport::RecordingTask<Event>(name, 4096) {}
 
     int FileNotifyMessageAction(FileNotifyMessage* msg) override {
-        {
-            std::lock_guard<std::mutex> lock(mutex_);
-            events_.push_back({msg->GetEventFilePath(), msg->GetEventMask(), msg->GetExtParm()});
-        }
-        cv_.notify_all();
+        Record({msg->GetEventFilePath(), msg->GetEventMask(), msg->GetExtParm()});
         return 0;
     }
 
-    bool WaitFor(const std::function<bool(const std::vector<Event>&)>& condition,
-                 std::chrono::milliseconds timeout) {
-        std::unique_lock<std::mutex> lock(mutex_);
-        return cv_.wait_for(lock, timeout, [&] { return condition(events_); });
-    }
-
-    std::vector<Event> EventsWith(uint64_t ext) {
-        std::lock_guard<std::mutex> lock(mutex_);
+    std::vector<Event> EventsWith(uint64_t ext) const {
         std::vector<Event> out;
-        for (const auto& e : events_) {
+        for (const auto& e : Items()) {
             if (e.ext == ext) out.push_back(e);
         }
         return out;
     }
-
-private:
-    std::mutex mutex_;  // guards events_
-    std::condition_variable cv_;
-    std::vector<Event> events_;
 };
 
 std::size_t CountInotifyInstances() {
@@ -104,38 +89,18 @@ void Append(const std::string& path) { WriteFile(path, "more\n", O_APPEND); }
 class FileNotifyTaskTest : public ::testing::Test {
 protected:
     void SetUp() override {
-        char templ[] = "/tmp/tarnwick-filenotify-XXXXXX";
-        dir_ = ::mkdtemp(templ);
         baseline_ = CountInotifyInstances();
-        // Loaded the way the agent loads it.
-        void* lib = ::dlopen(TARNWICK_LIB_DIR "/libfilenotify_module.so", RTLD_NOW | RTLD_LOCAL);
-        ASSERT_NE(lib, nullptr) << ::dlerror();
-        auto create = reinterpret_cast<CreateModuleFunc>(::dlsym(lib, "CreateModule"));
-        ASSERT_NE(create, nullptr);
-        module_ = create();
-        ASSERT_NE(module_, nullptr);
-        ASSERT_EQ(module_->Init(), 0);
-        host_ = new Framework::Module("filenotify_test_host");
-        a_ = new RecordingTask("filenotify_test_a");
-        b_ = new RecordingTask("filenotify_test_b");
-        ASSERT_EQ(host_->RegisterTask(a_, false), 0);
-        ASSERT_EQ(host_->RegisterTask(b_, false), 0);
+        ASSERT_TRUE(service_.Load("libfilenotify_module.so")) << service_.Error();
+        a_ = host_.Add(new RecordingTask("filenotify_test_a"));
+        b_ = host_.Add(new RecordingTask("filenotify_test_b"));
+        ASSERT_NE(a_, nullptr);
+        ASSERT_NE(b_, nullptr);
     }
     void TearDown() override {
         StopService();
-        if (host_ != nullptr) {
-            host_->UnRegisterTask("filenotify_test_a");
-            host_->UnRegisterTask("filenotify_test_b");
-            host_->release();
-        }
-        std::system(("rm -rf '" + dir_ + "'").c_str());
+        host_.Clear();
     }
-    void StopService() {
-        if (module_ == nullptr) return;
-        module_->UnInit();
-        module_->release();
-        module_ = nullptr;
-    }
+    void StopService() { service_.Stop(); }
 
     void Watch(RecordingTask* t, const std::string& path, uint64_t ext,
                const std::vector<unsigned int>& masks = kMasks) {
@@ -155,9 +120,9 @@ protected:
         const std::string probe = dir_ + "/.sync-" + std::to_string(++syncs_);
         Create(probe);
         Watch(t, probe, kSyncExt, {IN_ATTRIB});
-        const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
+        const TestSupport::Deadline deadline(std::chrono::seconds(10));
         bool seen = false;
-        for (int i = 0; !seen && std::chrono::steady_clock::now() < deadline; ++i) {
+        for (int i = 0; !seen && !deadline.Expired(); ++i) {
             ASSERT_EQ(::chmod(probe.c_str(), i % 2 == 0 ? 0600 : 0644), 0);
             seen = t->WaitFor(
                 [&](const std::vector<Event>& events) {
@@ -184,11 +149,12 @@ protected:
         return t->EventsWith(ext);
     }
 
-    std::string dir_;
+    TestSupport::TempDir tmp_{"tarnwick-filenotify"};
+    const std::string dir_ = tmp_.Path();
     std::size_t baseline_ = 0;
     int syncs_ = 0;
-    Framework::Module* module_ = nullptr;
-    Framework::Module* host_ = nullptr;
+    TestSupport::TaskHost host_{"filenotify_test_host"};
+    TestSupport::ServiceModule service_;
     RecordingTask* a_ = nullptr;
     RecordingTask* b_ = nullptr;
 };
@@ -269,7 +235,7 @@ TEST_F(FileOperationsTest, ReplacementByRenameIsOneMoveThenTheNewFileIsFollowed)
     const int oldFile = ::open(p.c_str(), O_WRONLY | O_APPEND | O_CLOEXEC);
     ASSERT_GE(oldFile, 0);
     // sed writes a temporary file and renames it onto the path.
-    ASSERT_EQ(std::system(("sed -i 's/a/b/' '" + p + "'").c_str()), 0);
+    ASSERT_TRUE(TestSupport::Shell::Run("sed -i 's/a/b/' '" + p + "'").Ok());
     WaitEvents(a_, 7, 1);
     ASSERT_EQ(::write(oldFile, "x", 1), 1);  // the replaced file no longer is the path
     ::close(oldFile);

@@ -1,18 +1,13 @@
 // The audit module loaded as the agent loads it, on the real framework and the kernel's audit
 // system, with a recording task in place of the feature module. Needs root.
-#include <dlfcn.h>
 #include <fcntl.h>
 #include <gtest/gtest.h>
-#include <stdlib.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <atomic>
 #include <chrono>
-#include <cstdio>
-#include <fstream>
 #include <functional>
-#include <mutex>
 #include <sstream>
 #include <string>
 #include <thread>
@@ -20,39 +15,28 @@
 
 #include "engine/AbstructMessage.h"
 #include "framework/Counters.h"
-#include "framework/Module.h"
 #include "framework/Task.h"
 #include "process_collect/AuditEventMessage.h"
 #include "process_collect/AuditFileSystemCtrlMessage.h"
 #include "process_collect/AuditUnsubscribeMessage.h"
 #include "sdk/ConfigUtils.h"
+#include "support/Deadline.h"
+#include "support/FileText.h"
+#include "support/RecordingTask.h"
+#include "support/ServiceModule.h"
+#include "support/Shell.h"
+#include "support/TaskHost.h"
+#include "support/TempDir.h"
 
 namespace {
 
+using TestSupport::FileText;
+using TestSupport::Shell;
+using TestSupport::WaitUntil;
+
 constexpr const char* kRecorderName = "audit_test_recorder";
-constexpr int kDeadlineMs = 10000;
 
-bool WaitFor(const std::function<bool()>& condition, int timeoutMs = kDeadlineMs) {
-    const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeoutMs);
-    while (std::chrono::steady_clock::now() < deadline) {
-        if (condition()) return true;
-        std::this_thread::sleep_for(std::chrono::milliseconds(10));
-    }
-    return condition();
-}
-
-std::string Shell(const std::string& command) {
-    std::string out;
-    FILE* pipe = ::popen(command.c_str(), "r");
-    if (pipe == nullptr) return out;
-    char buf[4096];
-    size_t n = 0;
-    while ((n = std::fread(buf, 1, sizeof(buf), pipe)) > 0) out.append(buf, n);
-    ::pclose(pipe);
-    return out;
-}
-
-std::string AuditRules() { return Shell("auditctl -l 2>&1"); }
+std::string AuditRules() { return Shell::Run("auditctl -l 2>&1").out; }
 
 bool HasRuleWithKey(const std::string& key) {
     std::istringstream lines(AuditRules());
@@ -72,12 +56,10 @@ struct Received {
 };
 
 // Stands in for the feature module: records every audit event it is sent.
-class RecorderTask : public Framework::Task,
+class RecorderTask : public TestSupport::RecordingTask<Received>,
                      public Engine::AbstructMessage<Engine::AuditEventMessage>::Receiver {
 public:
-    RecorderTask()
-        : Framework::Task(kRecorderName, "test", Framework::TaskCondition::TASK_TYPE_MESSAGE, 256) {
-    }
+    RecorderTask() : TestSupport::RecordingTask<Received>(kRecorderName, 256) {}
 
     int Receive(const Engine::AuditEventMessage& msg) override {
         Received item;
@@ -88,37 +70,9 @@ public:
         if (!msg.syscall->paths.empty() && ::stat(msg.syscall->paths[0].name.c_str(), &st) == 0) {
             item.sizeAtReceipt = st.st_size;
         }
-        std::lock_guard<std::mutex> lock(mutex_);
-        received_.push_back(item);
+        Record(item);
         return 0;
     }
-
-    bool Find(const std::function<bool(const Received&)>& match, Received& found) {
-        std::lock_guard<std::mutex> lock(mutex_);
-        for (const auto& item : received_) {
-            if (match(item)) {
-                found = item;
-                return true;
-            }
-        }
-        return false;
-    }
-
-    std::size_t Count(const std::function<bool(const Received&)>& match) {
-        std::lock_guard<std::mutex> lock(mutex_);
-        std::size_t n = 0;
-        for (const auto& item : received_) n += match(item) ? 1 : 0;
-        return n;
-    }
-
-private:
-    std::mutex mutex_;  // guards received_ (task thread writes, test thread reads)
-    std::vector<Received> received_;
-};
-
-class RecorderModule : public Framework::Module {
-public:
-    RecorderModule() : Framework::Module("audit_test_recorder_module") {}
 };
 
 class AuditModuleTest : public ::testing::Test {
@@ -132,12 +86,13 @@ protected:
     static void TearDownTestSuite() {
         // The module turns audit on when it finds it off; leave the machine as it was.
         if (::geteuid() != 0) return;
-        if (wasEnabled_ == "0") Shell("auditctl -e 0 >/dev/null 2>&1");
-        if (!backlogBefore_.empty()) Shell("auditctl -b " + backlogBefore_ + " >/dev/null 2>&1");
+        if (wasEnabled_ == "0") Shell::Run("auditctl -e 0 >/dev/null 2>&1");
+        if (!backlogBefore_.empty())
+            Shell::Run("auditctl -b " + backlogBefore_ + " >/dev/null 2>&1");
     }
 
     static std::string AuditStatus(const std::string& name) {
-        std::istringstream lines(Shell("auditctl -s 2>/dev/null"));
+        std::istringstream lines(Shell::Run("auditctl -s 2>/dev/null").out);
         std::string line;
         const std::string prefix = name + " ";
         while (std::getline(lines, line)) {
@@ -150,56 +105,36 @@ protected:
         if (::geteuid() != 0) {
             GTEST_SKIP() << "needs root: kernel audit rules and the audit multicast group";
         }
-        if (Shell("command -v auditctl").empty()) GTEST_SKIP() << "auditctl is not installed";
-        char pattern[] = "/tmp/tw-audit-test-XXXXXX";
-        ASSERT_NE(nullptr, ::mkdtemp(pattern));
-        dir_ = pattern;
+        if (Shell::Output("command -v auditctl").empty())
+            GTEST_SKIP() << "auditctl is not installed";
         keyPrefix_ = "cid:twtest-" + std::to_string(::getpid()) + "-";
         SDK::ConfigUtils::Set("audit.settle_ms", "200");
         SDK::ConfigUtils::Set("audit.max_delay_ms", "4000");
         SDK::ConfigUtils::Set("audit.rule_check_ms", "200");
         SDK::ConfigUtils::Set("audit.state_file", dir_ + "/state/audit-rules.json");
-        recorderModule_ = new RecorderModule();
-        recorder_ = new RecorderTask();
-        recorder_->duplicate();  // our own reference, released in TearDown
-        ASSERT_EQ(0, recorderModule_->RegisterTask(recorder_, false));
+        recorder_ = host_.Add(new RecorderTask());
+        ASSERT_NE(nullptr, recorder_);
     }
 
     void TearDown() override {
         StopModule();
-        if (recorderModule_ != nullptr) {
-            recorderModule_->UnRegisterTask(kRecorderName);
-            recorderModule_->release();
-        }
-        if (recorder_ != nullptr) recorder_->release();
+        host_.Clear();
         // Whatever failed above, no rule of this test may stay in the kernel.
         std::istringstream lines(AuditRules());
         std::string line;
         while (std::getline(lines, line)) {
             if (line.find("-k " + keyPrefix_) == std::string::npos) continue;
-            Shell("auditctl " + std::string(line).replace(0, 2, "-W") + " >/dev/null 2>&1");
+            Shell::Run("auditctl " + std::string(line).replace(0, 2, "-W") + " >/dev/null 2>&1");
         }
-        if (!dir_.empty()) Shell("rm -rf '" + dir_ + "'");
         SDK::ConfigUtils::Clear();
     }
 
     void StartModule() {
-        handle_ = ::dlopen(TARNWICK_LIB_DIR "/libprocess_collect_module.so", RTLD_NOW | RTLD_LOCAL);
-        ASSERT_NE(nullptr, handle_) << ::dlerror();
-        auto create = reinterpret_cast<CreateModuleFunc>(::dlsym(handle_, "CreateModule"));
-        ASSERT_NE(nullptr, create);
-        module_ = create();
-        ASSERT_NE(nullptr, module_);
-        ASSERT_EQ(0, module_->Init());
-        ASSERT_NE(nullptr, module_->FindTask("audit_task"));
+        ASSERT_TRUE(service_.Load("libprocess_collect_module.so")) << service_.Error();
+        ASSERT_NE(nullptr, service_.Get()->FindTask("audit_task"));
     }
 
-    void StopModule() {
-        if (module_ == nullptr) return;
-        module_->UnInit();
-        module_->release();
-        module_ = nullptr;
-    }
+    void StopModule() { service_.Stop(); }
 
     void Request(const std::string& option, const std::string& path, const std::string& key) {
         auto* msg = new Engine::AuditFileSystemCtrlMessage(recorder_);
@@ -215,11 +150,11 @@ protected:
         return path;
     }
 
-    std::string dir_;
+    TestSupport::TempDir tmp_{"tw-audit-test"};
+    const std::string dir_ = tmp_.Path();
     std::string keyPrefix_;
-    void* handle_ = nullptr;
-    Framework::Module* module_ = nullptr;
-    RecorderModule* recorderModule_ = nullptr;
+    TestSupport::TaskHost host_{"audit_test_recorder_module"};
+    TestSupport::ServiceModule service_;
     RecorderTask* recorder_ = nullptr;
     static std::string wasEnabled_;
     static std::string backlogBefore_;
@@ -228,19 +163,14 @@ protected:
 std::string AuditModuleTest::wasEnabled_;
 std::string AuditModuleTest::backlogBefore_;
 
-std::string ReadAll(const std::string& path) {
-    std::ifstream in(path, std::ios::binary);
-    return std::string(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
-}
-
 TEST_F(AuditModuleTest, ExecutableWrittenUnderAWatchArrivesWhenItHasSettled) {
     StartModule();
     const std::string root = MakeDir("root");
     const std::string key = keyPrefix_ + "write";
     Request("-w", root, key);
-    ASSERT_TRUE(WaitFor([&] { return HasRuleWithKey(key); })) << AuditRules();
+    ASSERT_TRUE(WaitUntil([&] { return HasRuleWithKey(key); })) << AuditRules();
 
-    const std::string image = ReadAll("/bin/true");
+    const std::string image = FileText::Read("/bin/true");
     ASSERT_GT(image.size(), 1000u);
     const std::string file = root + "/tool";
     const int fd = ::open(file.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0755);
@@ -257,25 +187,25 @@ TEST_F(AuditModuleTest, ExecutableWrittenUnderAWatchArrivesWhenItHasSettled) {
     const auto isOurs = [&](const Received& r) {
         return r.key == key && !r.syscall.paths.empty() && r.syscall.paths[0].name == file;
     };
-    ASSERT_TRUE(WaitFor([&] { return recorder_->Find(isOurs, got); }));
+    ASSERT_TRUE(WaitUntil([&] { return recorder_->Find(isOurs, got); }));
     EXPECT_TRUE(got.syscall.write);
     EXPECT_EQ(std::to_string(::getpid()), got.syscall.pid);
     EXPECT_EQ(std::to_string(::getppid()), got.syscall.ppid);
-    std::string comm = ReadAll("/proc/self/comm");
+    std::string comm = FileText::Read("/proc/self/comm");
     while (!comm.empty() && comm.back() == '\n') comm.pop_back();
     EXPECT_EQ(comm, got.syscall.processName);
     EXPECT_EQ(static_cast<long long>(image.size()), got.sizeAtReceipt);
     EXPECT_EQ(1u, recorder_->Count(isOurs));
 
     ::chmod(file.c_str(), 0700);
-    ASSERT_TRUE(WaitFor([&] {
+    ASSERT_TRUE(WaitUntil([&] {
         return recorder_->Find(
             [&](const Received& r) { return isOurs(r) && r.syscall.attr && !r.syscall.write; },
             got);
     }));
 
     Request("-W", root, key);
-    EXPECT_TRUE(WaitFor([&] { return !HasRuleWithKey(key); })) << AuditRules();
+    EXPECT_TRUE(WaitUntil([&] { return !HasRuleWithKey(key); })) << AuditRules();
 }
 
 TEST_F(AuditModuleTest, StoppingTheModuleDeletesEveryRuleItAdded) {
@@ -284,7 +214,7 @@ TEST_F(AuditModuleTest, StoppingTheModuleDeletesEveryRuleItAdded) {
     const std::string keyB = keyPrefix_ + "b";
     Request("-w", MakeDir("a"), keyA);
     Request("-w", dir_ + "/missing-file", keyB);  // a path that does not exist yet
-    ASSERT_TRUE(WaitFor([&] { return HasRuleWithKey(keyA) && HasRuleWithKey(keyB); }))
+    ASSERT_TRUE(WaitUntil([&] { return HasRuleWithKey(keyA) && HasRuleWithKey(keyB); }))
         << AuditRules();
     StopModule();
     EXPECT_FALSE(HasRuleWithKey(keyA));
@@ -297,10 +227,10 @@ TEST_F(AuditModuleTest, UnsubscribeDeletesTheSubscribersRules) {
     const std::string keyB = keyPrefix_ + "u2";
     Request("-w", MakeDir("u1"), keyA);
     Request("-w", MakeDir("u2"), keyB);
-    ASSERT_TRUE(WaitFor([&] { return HasRuleWithKey(keyA) && HasRuleWithKey(keyB); }));
+    ASSERT_TRUE(WaitUntil([&] { return HasRuleWithKey(keyA) && HasRuleWithKey(keyB); }));
     ASSERT_EQ(
         0, recorder_->SendDirectMsg("audit_task", new Engine::AuditUnsubscribeMessage(recorder_)));
-    EXPECT_TRUE(WaitFor([&] { return !HasRuleWithKey(keyA) && !HasRuleWithKey(keyB); }))
+    EXPECT_TRUE(WaitUntil([&] { return !HasRuleWithKey(keyA) && !HasRuleWithKey(keyB); }))
         << AuditRules();
 }
 
@@ -309,16 +239,16 @@ TEST_F(AuditModuleTest, RulesLeftByAnEarlierRunAreDeletedAtStart) {
     const std::string stale = MakeDir("stale");
     const std::string key = keyPrefix_ + "stale";
     const std::string foreign = keyPrefix_ + "foreign";
-    Shell("auditctl -w " + stale + " -p wa -k " + key + " >/dev/null 2>&1");
-    Shell("auditctl -w " + stale + " -p wa -k " + foreign + " >/dev/null 2>&1");
+    Shell::Run("auditctl -w " + stale + " -p wa -k " + key + " >/dev/null 2>&1");
+    Shell::Run("auditctl -w " + stale + " -p wa -k " + foreign + " >/dev/null 2>&1");
     ASSERT_TRUE(HasRuleWithKey(key)) << AuditRules();
-    Shell("mkdir -p " + dir_ + "/state && printf '[{\"path\":\"" + stale +
-          "\",\"perms\":\"wa\",\"key\":\"" + key + "\",\"directory\":true}]' > " + dir_ +
-          "/state/audit-rules.json");
+    Shell::Run("mkdir -p " + dir_ + "/state && printf '[{\"path\":\"" + stale +
+               "\",\"perms\":\"wa\",\"key\":\"" + key + "\",\"directory\":true}]' > " + dir_ +
+               "/state/audit-rules.json");
     StartModule();
     EXPECT_FALSE(HasRuleWithKey(key)) << AuditRules();
     EXPECT_TRUE(HasRuleWithKey(foreign)) << AuditRules();
-    EXPECT_EQ(0u, ReadAll(dir_ + "/state/audit-rules.json").find("[]"));
+    EXPECT_EQ(0u, FileText::Read(dir_ + "/state/audit-rules.json").find("[]"));
 }
 
 TEST_F(AuditModuleTest, RuleRemovedBehindTheAgentsBackIsAddedAgain) {
@@ -326,13 +256,13 @@ TEST_F(AuditModuleTest, RuleRemovedBehindTheAgentsBackIsAddedAgain) {
     const std::string root = MakeDir("repaired");
     const std::string key = keyPrefix_ + "repaired";
     Request("-w", root, key);
-    ASSERT_TRUE(WaitFor([&] { return HasRuleWithKey(key); })) << AuditRules();
-    EXPECT_NE(std::string::npos, ReadAll(dir_ + "/state/audit-rules.json").find(key));
+    ASSERT_TRUE(WaitUntil([&] { return HasRuleWithKey(key); })) << AuditRules();
+    EXPECT_NE(std::string::npos, FileText::Read(dir_ + "/state/audit-rules.json").find(key));
     auto& restored = Framework::Counters::Instance().Get("audit.rules.restored");
     const uint64_t before = restored.load();
-    Shell("auditctl -W " + root + " -p wa -k " + key + " >/dev/null 2>&1");
+    Shell::Run("auditctl -W " + root + " -p wa -k " + key + " >/dev/null 2>&1");
     ASSERT_FALSE(HasRuleWithKey(key)) << AuditRules();
-    EXPECT_TRUE(WaitFor([&] { return HasRuleWithKey(key); })) << AuditRules();
+    EXPECT_TRUE(WaitUntil([&] { return HasRuleWithKey(key); })) << AuditRules();
     EXPECT_EQ(before + 1, restored.load());
 }
 
@@ -345,7 +275,7 @@ TEST_F(AuditModuleTest, BadRuleRequestsAreDroppedAndTheTaskGoesOn) {
     Request("-x", dir_, keyPrefix_ + "option");
     const std::string key = keyPrefix_ + "good";
     Request("-w", MakeDir("good"), key);
-    ASSERT_TRUE(WaitFor([&] { return HasRuleWithKey(key); }));
+    ASSERT_TRUE(WaitUntil([&] { return HasRuleWithKey(key); }));
     EXPECT_EQ(before + 3, rejected.load());
     EXPECT_FALSE(HasRuleWithKey(keyPrefix_ + "relative"));
 }
@@ -356,33 +286,29 @@ protected:
     void SetUp() override {
         AuditModuleTest::SetUp();
         if (IsSkipped() || HasFatalFailure()) return;
-        if (Shell("docker info >/dev/null 2>&1 && echo up").empty()) {
+        if (Shell::Output("docker info >/dev/null 2>&1 && echo up").empty()) {
             GTEST_SKIP() << "needs a running Docker engine";
         }
         if (::access("/bin/busybox", X_OK) != 0) GTEST_SKIP() << "needs busybox-static";
         image_ = "tw-audit-test:" + std::to_string(::getpid());
         const std::string rootfs = dir_ + "/rootfs";
-        Shell("mkdir -p " + rootfs + "/bin " + rootfs + "/usr/bin && cp /bin/busybox " + rootfs +
-              "/bin/ && for c in sh cp sleep; do ln -s busybox " + rootfs +
-              "/bin/$c; done && tar -C " + rootfs + " -c . | docker import - " + image_ +
-              " >/dev/null 2>&1");
+        Shell::Run("mkdir -p " + rootfs + "/bin " + rootfs + "/usr/bin && cp /bin/busybox " +
+                   rootfs + "/bin/ && for c in sh cp sleep; do ln -s busybox " + rootfs +
+                   "/bin/$c; done && tar -C " + rootfs + " -c . | docker import - " + image_ +
+                   " >/dev/null 2>&1");
         container_ =
-            Trim(Shell("docker run -d --network none " + image_ + " /bin/sleep 300 2>/dev/null"));
+            Shell::Output("docker run -d --network none " + image_ + " /bin/sleep 300 2>/dev/null");
         ASSERT_EQ(64u, container_.size()) << "container did not start";
-        merged_ = Trim(Shell("docker inspect -f '{{.GraphDriver.Data.MergedDir}}' " + container_));
+        merged_ =
+            Shell::Output("docker inspect -f '{{.GraphDriver.Data.MergedDir}}' " + container_);
         ASSERT_FALSE(merged_.empty());
     }
 
     void TearDown() override {
         StopModule();  // its rule goes before the container does
-        if (!container_.empty()) Shell("docker rm -f " + container_ + " >/dev/null 2>&1");
-        if (!image_.empty()) Shell("docker rmi -f " + image_ + " >/dev/null 2>&1");
+        if (!container_.empty()) Shell::Run("docker rm -f " + container_ + " >/dev/null 2>&1");
+        if (!image_.empty()) Shell::Run("docker rmi -f " + image_ + " >/dev/null 2>&1");
         AuditModuleTest::TearDown();
-    }
-
-    static std::string Trim(std::string text) {
-        while (!text.empty() && (text.back() == '\n' || text.back() == ' ')) text.pop_back();
-        return text;
     }
 
     std::string image_;
@@ -394,12 +320,12 @@ TEST_F(AuditContainerTest, WriteInsideAContainerArrivesAsAHostPath) {
     StartModule();
     const std::string key = keyPrefix_ + container_;
     Request("-w", merged_, key);
-    ASSERT_TRUE(WaitFor([&] { return HasRuleWithKey(key); })) << AuditRules();
-    Shell("docker exec " + container_ + " cp /bin/busybox /usr/bin/tool");
+    ASSERT_TRUE(WaitUntil([&] { return HasRuleWithKey(key); })) << AuditRules();
+    Shell::Run("docker exec " + container_ + " cp /bin/busybox /usr/bin/tool");
 
     const std::string file = merged_ + "/usr/bin/tool";
     Received got;
-    ASSERT_TRUE(WaitFor([&] {
+    ASSERT_TRUE(WaitUntil([&] {
         return recorder_->Find(
             [&](const Received& r) {
                 return r.key == key && !r.syscall.paths.empty() &&
@@ -419,12 +345,12 @@ TEST_F(AuditContainerTest, ClimbsAndLinksStayInsideTheContainer) {
     StartModule();
     const std::string key = keyPrefix_ + container_;
     Request("-w", merged_, key);
-    ASSERT_TRUE(WaitFor([&] { return HasRuleWithKey(key); })) << AuditRules();
-    Shell("docker exec -w /usr/bin " + container_ + " sh -c 'ln -s " + dir_ +
-          " /usr/bin/hostdir; ln -s /bin/busybox /usr/bin/evil;"
-          " cp /bin/busybox ../../../../../usr/bin/climbed'");
+    ASSERT_TRUE(WaitUntil([&] { return HasRuleWithKey(key); })) << AuditRules();
+    Shell::Run("docker exec -w /usr/bin " + container_ + " sh -c 'ln -s " + dir_ +
+               " /usr/bin/hostdir; ln -s /bin/busybox /usr/bin/evil;"
+               " cp /bin/busybox ../../../../../usr/bin/climbed'");
     Received got;
-    ASSERT_TRUE(WaitFor([&] {
+    ASSERT_TRUE(WaitUntil([&] {
         return recorder_->Find(
             [&](const Received& r) {
                 return r.key == key && !r.syscall.paths.empty() &&
@@ -433,7 +359,7 @@ TEST_F(AuditContainerTest, ClimbsAndLinksStayInsideTheContainer) {
             got);
     }));
     EXPECT_EQ(merged_, got.root);
-    ASSERT_TRUE(WaitFor([&] {
+    ASSERT_TRUE(WaitUntil([&] {
         return recorder_->Find(
             [&](const Received& r) {
                 return r.key == key && !r.syscall.paths.empty() &&

@@ -15,13 +15,17 @@
 #include "framework/Counters.h"
 #include "report/HttpSink.h"
 #include "report/SinkWorker.h"
+#include "support/Deadline.h"
+#include "support/FileText.h"
+#include "support/Shell.h"
+#include "support/TempDir.h"
 
 namespace {
 
 using Report::HttpSink;
 using ReportTest::Doc;
-using ReportTest::ReadLines;
-using ReportTest::WaitFor;
+using TestSupport::FileText;
+using TestSupport::WaitUntil;
 
 constexpr const char* kNginx = "/usr/sbin/nginx";
 
@@ -65,7 +69,7 @@ public:
             "openssl req -x509 -newkey rsa:2048 -nodes -days 1 -subj "
             "/CN=127.0.0.1 -addext subjectAltName=IP:127.0.0.1 -keyout " +
             dir_ + "/key.pem -out " + Cert() + " >/dev/null 2>&1";
-        return std::system(cmd.c_str()) == 0;
+        return TestSupport::Shell::Run(cmd).Ok();
     }
     bool Start() {
         if (!process_.Start(
@@ -73,7 +77,7 @@ public:
                 dir_ + "/nginx.out")) {
             return false;
         }
-        return WaitFor([&] { return ReportTest::Accepts(port_); });
+        return WaitUntil([&] { return ReportTest::Accepts(port_); });
     }
     void Stop() { process_.Stop(); }
 
@@ -85,14 +89,14 @@ public:
     // The alarm lines received, in order (nginx ends each logged body with an empty line).
     std::vector<std::string> Received() const {
         std::vector<std::string> lines;
-        for (auto& line : ReadLines(dir_ + "/bodies.log")) {
+        for (auto& line : FileText::Lines(dir_ + "/bodies.log")) {
             if (!line.empty()) lines.push_back(line);
         }
         return lines;
     }
-    std::vector<std::string> Requests() const { return ReadLines(dir_ + "/requests.log"); }
+    std::vector<std::string> Requests() const { return FileText::Lines(dir_ + "/requests.log"); }
     std::string Log() const {
-        return ReportTest::ReadAll(dir_ + "/nginx.out") + ReportTest::ReadAll(dir_ + "/error.log");
+        return FileText::Read(dir_ + "/nginx.out") + FileText::Read(dir_ + "/error.log");
     }
 
 private:
@@ -121,7 +125,7 @@ protected:
         return nginx_->Start();
     }
 
-    ReportTest::TempDir tmp_;
+    TestSupport::TempDir tmp_;
     std::unique_ptr<Nginx> nginx_;
 };
 
@@ -131,7 +135,7 @@ TEST_F(HttpSinkTest, ABatchIsOnePostOfJsonLines) {
     const std::vector<std::string> docs = {Doc(0), Doc(1, 3000), Doc(2)};
     const auto result = sink.Deliver(docs);
     EXPECT_EQ(result.delivered, docs.size()) << result.error;
-    ASSERT_TRUE(WaitFor([&] { return nginx_->Received().size() == docs.size(); }));
+    ASSERT_TRUE(WaitUntil([&] { return nginx_->Received().size() == docs.size(); }));
     EXPECT_EQ(nginx_->Received(), docs);
     EXPECT_EQ(nginx_->Requests(), std::vector<std::string>{"POST application/x-ndjson 200"});
 }
@@ -163,7 +167,7 @@ TEST_F(HttpSinkTest, AlarmsRaisedWhileTheCollectorIsDownArriveOnceInOrderAfterIt
         sent.push_back(Doc(i));
         worker.Offer(sent.back());
     }
-    ASSERT_TRUE(WaitFor([&] { return nginx_->Received().size() == 10; }));
+    ASSERT_TRUE(WaitUntil([&] { return nginx_->Received().size() == 10; }));
 
     const auto failedCount = [] {
         return Framework::Counters::Instance().Value("report.http.attempts_failed");
@@ -174,9 +178,10 @@ TEST_F(HttpSinkTest, AlarmsRaisedWhileTheCollectorIsDownArriveOnceInOrderAfterIt
         sent.push_back(Doc(i));
         worker.Offer(sent.back());
     }
-    ASSERT_TRUE(WaitFor([&] { return failedCount() >= failed + 2; }));
+    ASSERT_TRUE(WaitUntil([&] { return failedCount() >= failed + 2; }));
     ASSERT_TRUE(nginx_->Start()) << nginx_->Log();
-    ASSERT_TRUE(WaitFor([&] { return nginx_->Received().size() >= 40; }, 20));
+    ASSERT_TRUE(
+        WaitUntil([&] { return nginx_->Received().size() >= 40; }, std::chrono::seconds(20)));
     EXPECT_EQ(nginx_->Received(), sent);
 }
 
@@ -193,7 +198,7 @@ TEST_F(HttpSinkTest, HttpsChecksTheCollectorsCertificate) {
     const auto refused = doubting.Deliver({Doc(1)});
     EXPECT_EQ(refused.delivered, 0u);
     EXPECT_FALSE(refused.error.empty());
-    ASSERT_TRUE(WaitFor([&] { return !nginx_->Received().empty(); }));
+    ASSERT_TRUE(WaitUntil([&] { return !nginx_->Received().empty(); }));
     EXPECT_EQ(nginx_->Received(), std::vector<std::string>{Doc(0)});
 }
 

@@ -12,6 +12,8 @@
 #include <chrono>
 #include <thread>
 
+#include "support/Deadline.h"
+
 namespace ReportTest {
 
 bool ServerProcess::Start(const std::vector<std::string>& argv, const std::string& outputFile) {
@@ -42,10 +44,10 @@ bool ServerProcess::Start(const std::vector<std::string>& argv, const std::strin
 void ServerProcess::Stop() {
     if (pid_ <= 0) return;
     ::kill(pid_, SIGTERM);
-    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
+    const TestSupport::Deadline deadline(std::chrono::seconds(10));
     int status = 0;
     while (::waitpid(pid_, &status, WNOHANG) == 0) {
-        if (std::chrono::steady_clock::now() > deadline) {
+        if (deadline.Expired()) {
             ::kill(pid_, SIGKILL);
             ::waitpid(pid_, &status, 0);
             break;

@@ -3,6 +3,7 @@
 
 #include <fstream>
 #include <set>
+#include <sstream>
 #include <string>
 #include <vector>
 
@@ -11,13 +12,16 @@
 #include "framework/Counters.h"
 #include "report/SinkWorker.h"
 #include "report/SyslogSink.h"
+#include "support/Deadline.h"
+#include "support/FileText.h"
+#include "support/TempDir.h"
 
 namespace {
 
 using Report::SyslogSink;
 using ReportTest::Doc;
-using ReportTest::ReadLines;
-using ReportTest::WaitFor;
+using TestSupport::FileText;
+using TestSupport::WaitUntil;
 
 constexpr const char* kRsyslogd = "/usr/sbin/rsyslogd";
 
@@ -51,7 +55,7 @@ public:
             return false;
         }
         // Ready when the TCP input accepts and the socket exists (inputs open together).
-        return WaitFor(
+        return WaitUntil(
             [&] { return ReportTest::Accepts(tcpPort_) && ::access(Socket().c_str(), F_OK) == 0; });
     }
     void Stop() { process_.Stop(); }
@@ -68,10 +72,19 @@ public:
                 return "tcp:127.0.0.1:" + std::to_string(tcpPort_);
         }
     }
+    // The lines written so far, whole ones only: rsyslog may be halfway through the last.
+    std::vector<std::string> Lines() const {
+        std::istringstream text(FileText::Read(Output()));
+        std::vector<std::string> lines;
+        for (std::string line; std::getline(text, line);) {
+            if (!text.eof()) lines.push_back(line);
+        }
+        return lines;
+    }
     // The messages received, as the JSON documents they carry.
     std::vector<std::string> Messages() const {
         std::vector<std::string> docs;
-        for (const std::string& line : ReadLines(Output())) {
+        for (const std::string& line : Lines()) {
             const std::size_t brace = line.find('{');
             if (brace != std::string::npos) docs.push_back(line.substr(brace));
         }
@@ -99,10 +112,10 @@ protected:
             GTEST_SKIP() << "rsyslogd is not installed (Debian package rsyslog)";
         }
         rsyslog_.reset(new Rsyslog(tmp_.Path()));
-        ASSERT_TRUE(rsyslog_->Start()) << ReportTest::ReadAll(tmp_.Path() + "/rsyslogd.out");
+        ASSERT_TRUE(rsyslog_->Start()) << FileText::Read(tmp_.Path() + "/rsyslogd.out");
     }
 
-    ReportTest::TempDir tmp_;
+    TestSupport::TempDir tmp_;
     std::unique_ptr<Rsyslog> rsyslog_;
 };
 
@@ -111,8 +124,8 @@ TEST_P(SyslogSinkTest, EachAlarmIsOneRfc5424MessageCarryingTheDocumentUnchanged)
     const std::vector<std::string> docs = {Doc(0), Doc(1, 4000), "{\"text\":\"a b \\\"q\\\"\"}"};
     const auto result = sink->Deliver(docs);
     EXPECT_EQ(result.delivered, docs.size()) << result.error;
-    ASSERT_TRUE(WaitFor([&] { return ReadLines(rsyslog_->Output()).size() == docs.size(); }));
-    const auto lines = ReadLines(rsyslog_->Output());
+    ASSERT_TRUE(WaitUntil([&] { return rsyslog_->Lines().size() == docs.size(); }));
+    const auto lines = rsyslog_->Lines();
     for (std::size_t i = 0; i < docs.size(); ++i) {
         // rsyslog parsed the header: facility, severity, app name and message id came through.
         EXPECT_EQ(lines[i], "auth warning tarnwick alarm " + docs[i]);
@@ -144,7 +157,7 @@ TEST_P(SyslogRestartTest, AlarmsRaisedWhileTheCollectorIsDownArriveAfterItReturn
         sent.push_back(Doc(i));
         worker.Offer(sent.back());
     }
-    ASSERT_TRUE(WaitFor([&] { return rsyslog_->Messages().size() == 10; }));
+    ASSERT_TRUE(WaitUntil([&] { return rsyslog_->Messages().size() == 10; }));
 
     const uint64_t failed = Framework::Counters::Instance().Value("report.syslog.attempts_failed");
     rsyslog_->Stop();
@@ -152,11 +165,12 @@ TEST_P(SyslogRestartTest, AlarmsRaisedWhileTheCollectorIsDownArriveAfterItReturn
         sent.push_back(Doc(i));
         worker.Offer(sent.back());
     }
-    ASSERT_TRUE(WaitFor([&] {
+    ASSERT_TRUE(WaitUntil([&] {
         return Framework::Counters::Instance().Value("report.syslog.attempts_failed") > failed;
     }));
     ASSERT_TRUE(rsyslog_->Start());
-    ASSERT_TRUE(WaitFor([&] { return rsyslog_->Messages().size() >= 30; }, 30));
+    ASSERT_TRUE(
+        WaitUntil([&] { return rsyslog_->Messages().size() >= 30; }, std::chrono::seconds(30)));
     EXPECT_EQ(rsyslog_->Messages(), sent);
 }
 

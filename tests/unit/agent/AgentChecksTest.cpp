@@ -13,35 +13,18 @@
 #include <string>
 #include <thread>
 
+#include "support/FileText.h"
+#include "support/Shell.h"
+
 // The check commands of the agent binary, and the warning the running agent logs for a policy
 // that protects nothing. The real container file-protection module parses the documents.
 namespace {
 
-struct Result {
-    int exitCode = -1;
-    std::string output;
-};
+using Result = TestSupport::Shell::Result;
 
+// Standard output and error together.
 Result RunAgent(const std::string& args) {
-    Result result;
-    const std::string command = std::string(AGENT_BINARY) + " " + args + " 2>&1";
-    FILE* pipe = popen(command.c_str(), "r");
-    if (pipe == nullptr) return result;
-    std::array<char, 4096> buffer;
-    size_t n;
-    while ((n = fread(buffer.data(), 1, buffer.size(), pipe)) > 0) {
-        result.output.append(buffer.data(), n);
-    }
-    const int status = pclose(pipe);
-    if (WIFEXITED(status)) result.exitCode = WEXITSTATUS(status);
-    return result;
-}
-
-std::string ReadFile(const std::string& path) {
-    std::ifstream in(path);
-    std::ostringstream text;
-    text << in.rdbuf();
-    return text.str();
+    return TestSupport::Shell::Run(std::string(AGENT_BINARY) + " " + args + " 2>&1");
 }
 
 size_t CountLines(const std::string& text, const std::string& needle) {
@@ -54,7 +37,7 @@ size_t CountLines(const std::string& text, const std::string& needle) {
 }
 
 #define EXPECT_SAYS(result, text) \
-    EXPECT_NE((result).output.find(text), std::string::npos) << (text) << "\n" << (result).output
+    EXPECT_NE((result).out.find(text), std::string::npos) << (text) << "\n" << (result).out
 
 class AgentChecks : public ::testing::Test {
 protected:
@@ -86,13 +69,13 @@ const char* const kGoodPolicy = R"({
 
 TEST_F(AgentChecks, AGoodPolicyIsDescribedRuleByRule) {
     const Result r = CheckPolicy("10001.json", kGoodPolicy);
-    EXPECT_EQ(r.exitCode, 0) << r.output;
+    EXPECT_EQ(r.exitCode, 0) << r.out;
     for (const char* says :
          {"policy key 10001, feature \"dockerfile_feature\", policy id \"p1\", hash \"h1\"",
           "rule 1 by image id \"sha256:abc\": executables forbidden, 1 protected file",
           "    /etc/passwd", "rule 2 by image name \"nginx\" (fuzzy",
           "executables allowed, 1 protected file", "    /etc/nginx/nginx.conf", ": valid"}) {
-        EXPECT_NE(r.output.find(says), std::string::npos) << says << "\n" << r.output;
+        EXPECT_NE(r.out.find(says), std::string::npos) << says << "\n" << r.out;
     }
     // Any file name is checked against the modules' own keys.
     EXPECT_EQ(CheckPolicy("new-policy.txt", kGoodPolicy).exitCode, 0);
@@ -110,10 +93,10 @@ TEST_F(AgentChecks, PoliciesThatProtectNothingExitOneWithTheReason) {
     };
     for (const auto& c : cases) {
         const Result r = CheckPolicy("10001.json", c.document);
-        EXPECT_EQ(r.exitCode, 1) << c.document << "\n" << r.output;
-        EXPECT_NE(r.output.find(std::string("protects nothing: ") + c.says), std::string::npos)
+        EXPECT_EQ(r.exitCode, 1) << c.document << "\n" << r.out;
+        EXPECT_NE(r.out.find(std::string("protects nothing: ") + c.says), std::string::npos)
             << c.document << "\n"
-            << r.output;
+            << r.out;
     }
 }
 
@@ -128,11 +111,11 @@ TEST_F(AgentChecks, PolicyWarningsCarryLinesAndTheModulesOwnLogLines) {
         "  {\"protect_files\": [\"/b\"]}\n"
         "]}}";
     const Result r = CheckPolicy("10001.json", document);
-    EXPECT_EQ(r.exitCode, 1) << r.output;
-    EXPECT_NE(r.output.find("10001.json:3: warning: content.rules[1] has no image_id or "
-                            "image_name; dropped"),
+    EXPECT_EQ(r.exitCode, 1) << r.out;
+    EXPECT_NE(r.out.find("10001.json:3: warning: content.rules[1] has no image_id or "
+                         "image_name; dropped"),
               std::string::npos)
-        << r.output;
+        << r.out;
     EXPECT_SAYS(r, "10001.json:2: warning: content.rules[0].protect_files[20]");
     EXPECT_SAYS(r, "module log: warning: Docker monitor file conut reach limit.");
     EXPECT_SAYS(r, "module log: warning: Docker file get invalid rules content.");
@@ -141,16 +124,16 @@ TEST_F(AgentChecks, PolicyWarningsCarryLinesAndTheModulesOwnLogLines) {
 
 TEST_F(AgentChecks, InvalidEmptyOrUnreadablePoliciesExitTwo) {
     Result r = CheckPolicy("10001.json", "");
-    EXPECT_EQ(r.exitCode, 2) << r.output;
+    EXPECT_EQ(r.exitCode, 2) << r.out;
     EXPECT_SAYS(r, "error: the document is not JSON");
     r = CheckPolicy("10001.json", "{\n  \"content\": {\n    \"rules\": [,]\n  }\n}");
-    EXPECT_EQ(r.exitCode, 2) << r.output;
+    EXPECT_EQ(r.exitCode, 2) << r.out;
     EXPECT_SAYS(r, "Line 3");
     r = RunAgent("--check-policy " + dir_ + "/missing.json --module-dir " + TARNWICK_LIB_DIR);
-    EXPECT_EQ(r.exitCode, 2) << r.output;
+    EXPECT_EQ(r.exitCode, 2) << r.out;
     EXPECT_SAYS(r, "cannot be read");
     r = CheckPolicy("10002.json", kGoodPolicy);
-    EXPECT_EQ(r.exitCode, 2) << r.output;
+    EXPECT_EQ(r.exitCode, 2) << r.out;
     EXPECT_SAYS(r, "takes policy key \"10002\"");
 }
 
@@ -158,28 +141,28 @@ TEST_F(AgentChecks, ConfigExitCodes) {
     const std::string dirs = "module.dir = " + dir_ + "\npolicy.dir = " + dir_ + "\n";
     Result r = RunAgent("--check-config " +
                         Write("good.properties", "# comment\n" + dirs + "log.level = debug\n"));
-    EXPECT_EQ(r.exitCode, 0) << r.output;
+    EXPECT_EQ(r.exitCode, 0) << r.out;
     EXPECT_SAYS(r, "good.properties: valid");
 
     r = RunAgent("--check-config=" + Write("empty.properties", ""));
-    EXPECT_EQ(r.exitCode, 0) << r.output;
+    EXPECT_EQ(r.exitCode, 0) << r.out;
 
     r = RunAgent("--check-config " +
                  Write("typo.properties", dirs + "audit.backlg = 100\nreport.http.batch = 0\n"));
-    EXPECT_EQ(r.exitCode, 1) << r.output;
+    EXPECT_EQ(r.exitCode, 1) << r.out;
     EXPECT_SAYS(r, "typo.properties:3: warning: unknown setting audit.backlg");
     EXPECT_SAYS(r, "typo.properties:4: warning: report.http.batch should be");
 
     r = RunAgent("--check-config " + Write("bad.properties", dirs + "log.level = loud\n"));
-    EXPECT_EQ(r.exitCode, 2) << r.output;
+    EXPECT_EQ(r.exitCode, 2) << r.out;
     EXPECT_SAYS(r, "bad.properties:3: error: unknown log level 'loud'");
 
     r = RunAgent("--check-config " + dir_ + "/missing.properties");
-    EXPECT_EQ(r.exitCode, 2) << r.output;
+    EXPECT_EQ(r.exitCode, 2) << r.out;
     EXPECT_SAYS(r, "cannot be read");
     // Without a file, the settings file given by --config is checked.
     r = RunAgent("--config " + dir_ + "/bad.properties --check-config");
-    EXPECT_EQ(r.exitCode, 2) << r.output;
+    EXPECT_EQ(r.exitCode, 2) << r.out;
 }
 
 // The running agent warns once per delivery of a policy that protects nothing.
@@ -206,25 +189,26 @@ TEST_F(AgentChecks, RunningAgentWarnsOncePerDeliveryOfAPolicyThatProtectsNothing
     const auto waitFor = [&](const std::string& needle, size_t count) {
         const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(20);
         while (std::chrono::steady_clock::now() < deadline) {
-            if (CountLines(ReadFile(log), needle) >= count) return true;
+            if (CountLines(TestSupport::FileText::Read(log), needle) >= count) return true;
             std::this_thread::sleep_for(std::chrono::milliseconds(50));
         }
         return false;
     };
     const std::string warning = "[Warning] agent AgentApplication.cpp";
     const std::string nothing = "protects nothing: content.rules is an object, not an array";
-    EXPECT_TRUE(waitFor(nothing, 1)) << ReadFile(log);
-    EXPECT_TRUE(waitFor("Agent started", 1)) << ReadFile(log);
+    EXPECT_TRUE(waitFor(nothing, 1)) << TestSupport::FileText::Read(log);
+    EXPECT_TRUE(waitFor("Agent started", 1)) << TestSupport::FileText::Read(log);
     // A second delivery, of another document that protects nothing.
     std::ofstream(policies + "/.next") << R"({"content": "{\"rules\": []}"})";
     ASSERT_EQ(std::rename((policies + "/.next").c_str(), (policies + "/10001.json").c_str()), 0);
-    EXPECT_TRUE(waitFor("protects nothing: content is a string", 1)) << ReadFile(log);
+    EXPECT_TRUE(waitFor("protects nothing: content is a string", 1))
+        << TestSupport::FileText::Read(log);
 
     kill(pid, SIGTERM);
     int status = 0;
     ASSERT_EQ(waitpid(pid, &status, 0), pid);
     EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << status;
-    const std::string text = ReadFile(log);
+    const std::string text = TestSupport::FileText::Read(log);
     EXPECT_EQ(CountLines(text, nothing), 1u) << text;
     EXPECT_EQ(CountLines(text, "protects nothing"), 2u) << text;
     for (const char* needle : {nothing.c_str(), "protects nothing: content is a string"}) {

@@ -1,31 +1,18 @@
 #include <gtest/gtest.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
-#include <array>
-#include <cstdio>
 #include <string>
+
+#include "support/Shell.h"
 
 namespace {
 
-struct Result {
-    int exitCode = -1;
-    std::string output;  // standard output and error together
-};
+using Result = TestSupport::Shell::Result;
 
+// Standard output and error together.
 Result RunAgent(const std::string& args) {
-    Result result;
-    const std::string command = std::string(AGENT_BINARY) + " " + args + " 2>&1";
-    FILE* pipe = popen(command.c_str(), "r");
-    if (pipe == nullptr) return result;
-    std::array<char, 4096> buffer;
-    size_t n;
-    while ((n = fread(buffer.data(), 1, buffer.size(), pipe)) > 0)
-        result.output.append(buffer.data(), n);
-    const int status = pclose(pipe);
-    if (WIFEXITED(status)) result.exitCode = WEXITSTATUS(status);
-    return result;
+    return TestSupport::Shell::Run(std::string(AGENT_BINARY) + " " + args + " 2>&1");
 }
 
 TEST(AgentCommandLine, HelpDocumentsEveryOptionAndExitsZero) {
@@ -35,7 +22,7 @@ TEST(AgentCommandLine, HelpDocumentsEveryOptionAndExitsZero) {
          {"--config", "--module-dir", "--policy-dir", "--alarms", "--log", "--log-level",
           "--docker-socket", "--daemon", "--pidfile", "--check-config", "--check-policy", "0 valid",
           "1 valid, but", "2 invalid or unreadable"}) {
-        EXPECT_NE(r.output.find(option), std::string::npos) << option;
+        EXPECT_NE(r.out.find(option), std::string::npos) << option;
     }
 }
 
@@ -57,16 +44,16 @@ TEST(AgentCommandLine, BadConfigurationExitsTwoWithOneLine) {
     };
     for (const auto& c : cases) {
         const Result r = RunAgent(c.args);
-        EXPECT_EQ(r.exitCode, 2) << c.args << "\n" << r.output;
-        EXPECT_NE(r.output.find(c.says), std::string::npos) << c.args << "\n" << r.output;
-        EXPECT_LE(std::count(r.output.begin(), r.output.end(), '\n'), 1) << r.output;
+        EXPECT_EQ(r.exitCode, 2) << c.args << "\n" << r.out;
+        EXPECT_NE(r.out.find(c.says), std::string::npos) << c.args << "\n" << r.out;
+        EXPECT_LE(std::count(r.out.begin(), r.out.end(), '\n'), 1) << r.out;
     }
 }
 
 TEST(AgentCommandLine, ModuleDirectoryWithoutModulesIsBadConfiguration) {
     const Result r = RunAgent("--config /dev/null --log - --module-dir /tmp --policy-dir /tmp");
-    EXPECT_EQ(r.exitCode, 2) << r.output;
-    EXPECT_NE(r.output.find("no module could be loaded"), std::string::npos) << r.output;
+    EXPECT_EQ(r.exitCode, 2) << r.out;
+    EXPECT_NE(r.out.find("no module could be loaded"), std::string::npos) << r.out;
 }
 
 }  // namespace

@@ -2,13 +2,14 @@
 #include <unistd.h>
 
 #include <cstdlib>
-#include <fstream>
 #include <sstream>
 #include <string>
 #include <vector>
 
 #include "agent/ModuleLoader.h"
 #include "framework/Module.h"
+#include "support/FileText.h"
+#include "support/TempDir.h"
 
 namespace {
 
@@ -16,26 +17,13 @@ std::string Base(const std::string& path) { return path.substr(path.find_last_of
 
 class ModuleLoaderTest : public ::testing::Test {
 protected:
-    void SetUp() override {
-        char tmpl[] = "/tmp/tarnwick-loader-XXXXXX";
-        ASSERT_NE(mkdtemp(tmpl), nullptr);
-        dir_ = tmpl;
-        log_ = dir_ + "/events.log";
-        setenv("TARNWICK_TEST_MODULE_LOG", log_.c_str(), 1);
-    }
-    void TearDown() override {
-        unsetenv("TARNWICK_TEST_MODULE_LOG");
-        std::remove(log_.c_str());
-        rmdir(dir_.c_str());
-    }
-    std::vector<std::string> Events() {
-        std::ifstream in(log_);
-        std::vector<std::string> lines;
-        for (std::string line; std::getline(in, line);) lines.push_back(line);
-        return lines;
-    }
-    std::string dir_;
-    std::string log_;
+    void SetUp() override { setenv("TARNWICK_TEST_MODULE_LOG", log_.c_str(), 1); }
+    void TearDown() override { unsetenv("TARNWICK_TEST_MODULE_LOG"); }
+    std::vector<std::string> Events() { return TestSupport::FileText::Lines(log_); }
+
+    TestSupport::TempDir tmp_{"tarnwick-loader"};
+    const std::string dir_ = tmp_.Path();
+    const std::string log_ = tmp_ / "events.log";
 };
 
 TEST_F(ModuleLoaderTest, ListsServicesFirstInTheirOrderThenFeatureModulesByName) {

@@ -8,24 +8,20 @@
 #include <string>
 
 #include "agent/PolicyDirectory.h"
+#include "support/TempDir.h"
 
 namespace {
 
 class PolicyDirectoryTest : public ::testing::Test {
 protected:
-    void SetUp() override {
-        char tmpl[] = "/tmp/tarnwick-policy-XXXXXX";
-        ASSERT_NE(mkdtemp(tmpl), nullptr);
-        dir_ = tmpl;
-    }
-    void TearDown() override { std::system(("rm -rf '" + dir_ + "'").c_str()); }
     void Write(const std::string& name, const std::string& text) {
         // Written aside and renamed, as an operator's tooling would, with a new mtime.
         const std::string tmp = dir_ + "/." + name + ".tmp";
         std::ofstream(tmp) << text;
         ASSERT_EQ(std::rename(tmp.c_str(), (dir_ + "/" + name).c_str()), 0);
     }
-    std::string dir_;
+    TestSupport::TempDir tmp_{"tarnwick-policy"};
+    const std::string dir_ = tmp_.Path();
 };
 
 TEST_F(PolicyDirectoryTest, KeyIsTheFileNameWithoutJson) {

@@ -1,7 +1,6 @@
 #include "FakeEngine.h"
 
 #include <poll.h>
-#include <stdlib.h>
 #include <sys/socket.h>
 #include <sys/un.h>
 #include <unistd.h>
@@ -31,10 +30,7 @@ std::string Chunk(const std::string& data) {
 }  // namespace
 
 FakeEngine::FakeEngine(Responder responder) : responder_(std::move(responder)) {
-    char tmpl[] = "/tmp/tarnwick-fake-engine.XXXXXX";
-    if (::mkdtemp(tmpl) == nullptr) return;
-    dir_ = tmpl;
-    socketPath_ = dir_ + "/docker.sock";
+    socketPath_ = dir_ / "docker.sock";
     listenFd_ = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
     sockaddr_un addr{};
     addr.sun_family = AF_UNIX;
@@ -53,8 +49,6 @@ FakeEngine::~FakeEngine() {
     for (int fd : {listenFd_, wakePipe_[0], wakePipe_[1]}) {
         if (fd >= 0) ::close(fd);
     }
-    if (!socketPath_.empty()) ::unlink(socketPath_.c_str());
-    if (!dir_.empty()) ::rmdir(dir_.c_str());
 }
 
 void FakeEngine::Serve() {

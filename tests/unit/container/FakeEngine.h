@@ -6,6 +6,8 @@
 #include <thread>
 #include <vector>
 
+#include "support/TempDir.h"
+
 namespace Engine {
 namespace Testing {
 
@@ -41,7 +43,7 @@ private:
     void HandleConnection(int fd);
 
     Responder responder_;
-    std::string dir_;
+    TestSupport::TempDir dir_{"tarnwick-fake-engine"};
     std::string socketPath_;
     int listenFd_ = -1;
     int wakePipe_[2] = {-1, -1};

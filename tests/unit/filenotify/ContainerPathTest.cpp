@@ -13,6 +13,7 @@
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
+#include <filesystem>
 #include <fstream>
 #include <set>
 #include <sstream>
@@ -22,6 +23,10 @@
 #include "filenotify/WatchTable.h"
 #include "framework/ContainerRegistry.h"
 #include "framework/Counters.h"
+#include "support/Deadline.h"
+#include "support/FileText.h"
+#include "support/ManualClock.h"
+#include "support/TempDir.h"
 
 namespace {
 
@@ -33,13 +38,13 @@ constexpr uint32_t kAll =
 const char* const kId = "c0ffee0123456789abcdef";
 
 void Write(const std::string& path, const std::string& text) {
-    std::ofstream out(path, std::ios::app);
-    out << text;
-    ASSERT_TRUE(out.good()) << path;
+    ASSERT_TRUE(TestSupport::FileText::Append(path, text)) << path;
 }
 
 void MakeDirs(const std::string& path) {
-    ASSERT_EQ(std::system(("mkdir -p '" + path + "'").c_str()), 0) << path;
+    std::error_code ec;
+    std::filesystem::create_directories(path, ec);
+    ASSERT_TRUE(std::filesystem::is_directory(path)) << path;
 }
 
 // "ino sdev" pairs of every watch the inotify descriptor holds, as the kernel lists them.
@@ -69,22 +74,16 @@ std::string InodeKey(const std::string& path) {
 class ContainerPathTest : public ::testing::Test {
 protected:
     void SetUp() override {
-        char templ[] = "/tmp/tarnwick-containerpath-XXXXXX";
-        dir_ = ::mkdtemp(templ);
-        root_ = dir_ + "/merged";
         MakeDirs(root_ + "/etc");
         Framework::ContainerRegistry::Instance().Started(root_, kId, 0);
         ASSERT_TRUE(table_.IsOpen());
     }
-    void TearDown() override {
-        Framework::ContainerRegistry::Instance().Clear();
-        std::system(("rm -rf '" + dir_ + "'").c_str());
-    }
+    void TearDown() override { Framework::ContainerRegistry::Instance().Clear(); }
 
     std::vector<WatchNotification> ReadUntil(std::size_t count, int seconds = 10) {
         std::vector<WatchNotification> out;
-        const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(seconds);
-        while (out.size() < count && std::chrono::steady_clock::now() < deadline) {
+        const TestSupport::Deadline deadline{std::chrono::seconds(seconds)};
+        while (out.size() < count && !deadline.Expired()) {
             struct pollfd p = {table_.Fd(), POLLIN, 0};
             if (::poll(&p, 1, 100) > 0) table_.ReadEvents(out);
         }
@@ -95,23 +94,26 @@ protected:
     // (until one for `path` carries `mask`, when given).
     std::vector<WatchNotification> ReadUntilPath(const std::string& path, uint32_t mask = 0) {
         std::vector<WatchNotification> out;
-        const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
+        const TestSupport::Deadline deadline(std::chrono::seconds(10));
         auto seen = [&] {
             for (const auto& n : out) {
                 if (n.path == path && (mask == 0 || n.mask == mask)) return true;
             }
             return false;
         };
-        while (!seen() && std::chrono::steady_clock::now() < deadline) {
+        while (!seen() && !deadline.Expired()) {
             struct pollfd p = {table_.Fd(), POLLIN, 0};
             if (::poll(&p, 1, 100) > 0) table_.ReadEvents(out);
         }
         return out;
     }
 
-    std::string dir_;
-    std::string root_;
-    WatchTable table_;
+    TestSupport::TempDir tmp_{"tarnwick-containerpath"};
+    const std::string dir_ = tmp_.Path();
+    const std::string root_ = dir_ + "/merged";
+    // Moved by hand, so that retries and their backoff happen exactly when a test says.
+    TestSupport::ManualClock clock_;
+    WatchTable table_{clock_};
     Engine::_FileNotifyOpt options_;
 };
 
@@ -312,22 +314,29 @@ TEST_F(RefusedWatchTest, ARefusedPathIsAGapUntilARetrySucceedsWithBackoffInBetwe
     const uint64_t opened = Count("filenotify.coverage.gap_opened");
     const uint64_t closed = Count("filenotify.coverage.gap_closed");
     const uint64_t retried = Count("filenotify.watch.retried");
+    constexpr uint64_t kFirst = WatchTable::kRetryFirstMs;
+    const uint64_t refusedAt = clock_.NowMs();
     RunOutOfDescriptors();
     const bool added = table_.Add(file, "r", kAll, options_);
     const bool added2 = table_.Add(root_ + "/etc/group", "r", kAll, options_);
-    table_.Tick(UINT64_MAX / 2, ticked_);  // due: retried once, refused again
-    table_.Tick(UINT64_MAX / 2, ticked_);  // the next retry waits for its backoff
+    table_.Tick(refusedAt + kFirst - 1, ticked_);  // not due yet
+    const uint64_t early = Count("filenotify.watch.retried");
+    table_.Tick(refusedAt + kFirst, ticked_);  // due: retried once, refused again
+    const uint64_t due = Count("filenotify.watch.retried");
+    table_.Tick(refusedAt + 3 * kFirst - 1, ticked_);  // the next retry waits twice as long
     Restore();
     ASSERT_TRUE(added);  // accepted: a refusal is the kernel's, for now
     ASSERT_TRUE(added2);
     EXPECT_EQ(table_.RefusedCount(), 2u);
     EXPECT_EQ(Count("filenotify.coverage.gap_opened"), opened + 1);  // once per container
-    EXPECT_EQ(Count("filenotify.watch.retried"), retried + 1);       // stops at the first refusal
+    EXPECT_EQ(early, retried);
+    EXPECT_EQ(due, retried + 1);  // stops at the first refusal
+    EXPECT_EQ(Count("filenotify.watch.retried"), due);
     EXPECT_NE(table_.CoverageText().find("c0ffee012345 0/2"), std::string::npos)
         << table_.CoverageText();
     EXPECT_EQ(table_.CoverageNumbers().refused, 2u);
 
-    table_.Tick(UINT64_MAX / 2 + WatchTable::kRetryMaxMs, ticked_);
+    table_.Tick(refusedAt + 3 * kFirst, ticked_);
     EXPECT_EQ(table_.RefusedCount(), 0u);
     EXPECT_EQ(Count("filenotify.coverage.gap_closed"), closed + 1);
     EXPECT_NE(table_.CoverageText().find("c0ffee012345 2/2"), std::string::npos);

@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "filenotify/InotifyDecoder.h"
+#include "support/TempDir.h"
 
 namespace {
 
@@ -65,8 +66,8 @@ TEST(InotifyDecoderWholeBuffers, NameThatFillsItsLengthWithoutTerminatorIsKeptWh
 }
 
 TEST(InotifyDecoderWholeBuffers, BufferReadFromTheKernelDecodes) {
-    char templ[] = "/tmp/tarnwick-decoder-XXXXXX";
-    const std::string dir = ::mkdtemp(templ);
+    const TestSupport::TempDir tmp("tarnwick-decoder");
+    const std::string& dir = tmp.Path();
     const int fd = inotify_init1(IN_CLOEXEC);
     ASSERT_GE(fd, 0);
     const int wd = inotify_add_watch(fd, dir.c_str(), IN_CREATE);
@@ -78,8 +79,6 @@ TEST(InotifyDecoderWholeBuffers, BufferReadFromTheKernelDecodes) {
     char buffer[4096];
     const ssize_t n = ::read(fd, buffer, sizeof(buffer));  // blocking: the event is queued
     ::close(fd);
-    ::unlink(file.c_str());
-    ::rmdir(dir.c_str());
     ASSERT_GT(n, 0);
     std::size_t consumed = 0;
     const auto records = DecodeInotifyEvents(buffer, static_cast<std::size_t>(n), &consumed);

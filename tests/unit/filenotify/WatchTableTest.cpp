@@ -13,6 +13,8 @@
 
 #include "filenotify/WatchTable.h"
 #include "framework/Counters.h"
+#include "support/Deadline.h"
+#include "support/TempDir.h"
 
 namespace {
 
@@ -31,25 +33,21 @@ void Touch(const std::string& path) {
 
 class WatchTableTest : public ::testing::Test {
 protected:
-    void SetUp() override {
-        char templ[] = "/tmp/tarnwick-watchtable-XXXXXX";
-        dir_ = ::mkdtemp(templ);
-        ASSERT_TRUE(table_.IsOpen());
-    }
-    void TearDown() override { std::system(("rm -rf '" + dir_ + "'").c_str()); }
+    void SetUp() override { ASSERT_TRUE(table_.IsOpen()); }
 
     // Reads what the kernel queued until `count` notifications came or the deadline passed.
     std::vector<WatchNotification> ReadUntil(std::size_t count) {
         std::vector<WatchNotification> out;
-        const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
-        while (out.size() < count && std::chrono::steady_clock::now() < deadline) {
+        const TestSupport::Deadline deadline(std::chrono::seconds(10));
+        while (out.size() < count && !deadline.Expired()) {
             struct pollfd p = {table_.Fd(), POLLIN, 0};
             if (::poll(&p, 1, 100) > 0) table_.ReadEvents(out);
         }
         return out;
     }
 
-    std::string dir_;
+    TestSupport::TempDir tmp_{"tarnwick-watchtable"};
+    const std::string dir_ = tmp_.Path();
     WatchTable table_;
     Engine::_FileNotifyOpt options_;
 };
@@ -90,8 +88,8 @@ protected:
         EXPECT_TRUE(table_.Add(file, "r", kAll, options_));
         EXPECT_EQ(::unlink(file.c_str()), 0);
         std::vector<InotifyRecord> records;
-        const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
-        while (!HasParentDelete(records) && std::chrono::steady_clock::now() < deadline) {
+        const TestSupport::Deadline deadline(std::chrono::seconds(10));
+        while (!HasParentDelete(records) && !deadline.Expired()) {
             struct pollfd p = {table_.Fd(), POLLIN, 0};
             if (::poll(&p, 1, 100) <= 0) continue;
             char buffer[4096];

@@ -21,19 +21,12 @@
 #include "framework/SingleTaskModule.h"
 #include "framework/Task.h"
 #include "framework/TaskPolicy.h"
+#include "support/Deadline.h"
+#include "support/ManualClock.h"
 
 namespace {
 
 constexpr int kDeadlineMs = 5000;
-
-class HandClock : public Framework::Clock {
-public:
-    uint64_t NowMs() const override { return now_.load(); }
-    void Advance(uint64_t ms) { now_.fetch_add(ms); }
-
-private:
-    std::atomic<uint64_t> now_{1000};
-};
 
 class LinesChannel : public Poco::Channel {
 public:
@@ -98,24 +91,15 @@ struct ModuleDeleter {
 };
 using ModulePtr = std::unique_ptr<Framework::Module, ModuleDeleter>;
 
-bool Eventually(const std::function<bool()>& condition) {
-    const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(kDeadlineMs);
-    while (!condition()) {
-        if (std::chrono::steady_clock::now() > deadline) return false;
-        std::this_thread::sleep_for(std::chrono::milliseconds(1));
-    }
-    return true;
-}
-
 TEST(TaskLoop, TurnsReadTheTaskClockAndStopWhenCancelled) {
-    HandClock clock;
+    TestSupport::ManualClock clock(1000);
     ModulePtr module(new RuntimeModule());
     auto* task = new TurnTask("runtime_turns");
     task->SetClock(clock);
     ASSERT_EQ(module->RegisterTask(task, false), 0);
-    ASSERT_TRUE(Eventually([&] { return task->lastTurnMs.load() == 1000; }));
+    ASSERT_TRUE(TestSupport::WaitUntil([&] { return task->lastTurnMs.load() == 1000; }));
     clock.Advance(250);
-    ASSERT_TRUE(Eventually([&] { return task->lastTurnMs.load() == 1250; }))
+    ASSERT_TRUE(TestSupport::WaitUntil([&] { return task->lastTurnMs.load() == 1250; }))
         << "OnTurn must be given the task's clock, not the system's";
     EXPECT_EQ(module->UnRegisterTask("runtime_turns"), 0);  // joins: the loop ended
 }
@@ -171,7 +155,7 @@ TEST(DegradedCounter, CountsEveryEventAndTellsOncePerIntervalWithWhatWasHeldBack
     Poco::Logger& logger = Poco::Logger::get("runtime_test_degraded");
     logger.setChannel(channel);
     logger.setLevel(Poco::Message::PRIO_DEBUG);
-    HandClock clock;
+    TestSupport::ManualClock clock(1000);
     Framework::DegradedCounter counter("test.runtime.degraded", 1000, clock);
     Framework::DegradedCounter other("test.runtime.other", 1000, clock);
 
@@ -261,7 +245,7 @@ TEST(PolicyHook, MayCallBackIntoItsModule) {
         module->RefreshPolicy("k", "f", "runtime_reentrant_task", current);
         done = true;
     });
-    ASSERT_TRUE(Eventually([&] { return done.load(); })) << "the hook deadlocked";
+    ASSERT_TRUE(TestSupport::WaitUntil([&] { return done.load(); })) << "the hook deadlocked";
     deliver.join();
     EXPECT_TRUE(module->sawTask.load());
     EXPECT_TRUE(module->sawCurrent.load());
@@ -299,7 +283,7 @@ TEST(PolicyHook, SwapWhileTheTaskReadsItsPolicy) {
     std::thread b(deliverMany);
     a.join();
     b.join();
-    EXPECT_TRUE(Eventually([&] { return task->reads.load() > 0; }));
+    EXPECT_TRUE(TestSupport::WaitUntil([&] { return task->reads.load() > 0; }));
     EXPECT_EQ(task->GetFeaturePolicy().get(), module->GetCurrentPolicy("k"));
     module->UnRegisterTask("runtime_reentrant_task");
 }

@@ -7,6 +7,7 @@
 #include <fstream>
 
 #include "process_collect/AuditPathResolver.h"
+#include "support/TempDir.h"
 
 using Engine::AuditLogPath;
 using Engine::AuditLogSyscall;
@@ -17,10 +18,6 @@ namespace {
 class ResolverTest : public ::testing::Test {
 protected:
     void SetUp() override {
-        char pattern[] = "/tmp/tw-resolve-XXXXXX";
-        ASSERT_NE(nullptr, ::mkdtemp(pattern));
-        host = pattern;
-        root = host + "/merged";
         ASSERT_EQ(0, ::mkdir(root.c_str(), 0755));
         ASSERT_EQ(0, ::mkdir((root + "/bin").c_str(), 0755));
         std::ofstream(root + "/bin/tool") << "x";
@@ -28,7 +25,6 @@ protected:
         ASSERT_EQ(0, ::symlink("/bin/tool", (root + "/bin/link").c_str()));
         ASSERT_EQ(0, ::symlink((host + "/outside").c_str(), (root + "/bin/out").c_str()));
     }
-    void TearDown() override { std::system(("rm -rf '" + host + "'").c_str()); }
 
     static AuditLogPath Item(const std::string& name, const std::string& type) {
         AuditLogPath item;
@@ -37,8 +33,9 @@ protected:
         return item;
     }
 
-    std::string host;
-    std::string root;
+    TestSupport::TempDir tmp_{"tw-resolve"};
+    const std::string host = tmp_.Path();
+    const std::string root = host + "/merged";
 };
 
 TEST_F(ResolverTest, ItemsResolveInsideTheRootAndWhatLeavesItIsDropped) {

@@ -6,6 +6,7 @@
 #include <fstream>
 
 #include "process_collect/AuditRuleLedger.h"
+#include "support/TempDir.h"
 
 using Engine::AuditRuleLedger;
 using Engine::AuditWatchRule;
@@ -14,13 +15,8 @@ namespace {
 
 class LedgerTest : public ::testing::Test {
 protected:
-    void SetUp() override {
-        char pattern[] = "/tmp/tw-ledger-XXXXXX";
-        ASSERT_NE(nullptr, ::mkdtemp(pattern));
-        dir = pattern;
-    }
-    void TearDown() override { std::system(("rm -rf '" + dir + "'").c_str()); }
-    std::string dir;
+    TestSupport::TempDir tmp_{"tw-ledger"};
+    const std::string dir = tmp_.Path();
 };
 
 TEST_F(LedgerTest, SavedRulesComeBackAndAMissingFileIsAnEmptyList) {

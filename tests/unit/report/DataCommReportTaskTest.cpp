@@ -3,6 +3,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <chrono>
 #include <fstream>
 #include <string>
@@ -15,12 +16,16 @@
 #include "report/DataCommModule.h"
 #include "report/DataCommReportTask.h"
 #include "sdk/ConfigUtils.h"
+#include "support/Deadline.h"
+#include "support/FileText.h"
+#include "support/ServiceModule.h"
+#include "support/TempDir.h"
 
 namespace {
 
 using ReportTest::Doc;
-using ReportTest::ReadLines;
-using ReportTest::WaitFor;
+using TestSupport::FileText;
+using TestSupport::WaitUntil;
 
 class DataCommModuleTest : public ::testing::Test {
 protected:
@@ -34,16 +39,12 @@ protected:
         SDK::ConfigUtils::Clear();
     }
     void Start() {
-        module_ = new Report::DataCommModule();
-        ASSERT_EQ(module_->Init(), 0);
-        task_ = module_->FindTask(Report::DataCommReportTask::kTaskName);
+        ASSERT_TRUE(module_.Start(new Report::DataCommModule())) << module_.Error();
+        task_ = module_.Get()->FindTask(Report::DataCommReportTask::kTaskName);
         ASSERT_NE(task_, nullptr);
     }
     void Stop() {
-        if (module_ == nullptr) return;
-        module_->UnInit();
-        module_->release();
-        module_ = nullptr;
+        module_.Stop();
         task_ = nullptr;
     }
     void Send(const std::string& text) {
@@ -53,9 +54,9 @@ protected:
     }
     uint64_t Count(const std::string& name) { return Framework::Counters::Instance().Value(name); }
 
-    ReportTest::TempDir tmp_;
+    TestSupport::TempDir tmp_;
     std::string sink_;
-    Report::DataCommModule* module_ = nullptr;
+    TestSupport::ServiceModule module_;
     Framework::Task* task_ = nullptr;
 };
 
@@ -64,11 +65,11 @@ TEST_F(DataCommModuleTest, EveryAlarmBecomesOneLineInArrivalOrder) {
     const uint64_t written = Count("report.alarms.written");
     for (int i = 0; i < 100; ++i) Send(Doc(i));
     Send("{\n  \"pretty\": true\n}");  // a document over several lines stays one line
-    ASSERT_TRUE(WaitFor([&] { return ReadLines(sink_).size() == 101; }));
-    const auto lines = ReadLines(sink_);
+    ASSERT_TRUE(WaitUntil([&] { return FileText::Lines(sink_).size() == 101; }));
+    const auto lines = FileText::Lines(sink_);
     for (int i = 0; i < 100; ++i) EXPECT_EQ(lines[i], Doc(i));
     EXPECT_EQ(lines[100], "{   \"pretty\": true }");
-    EXPECT_TRUE(WaitFor([&] { return Count("report.alarms.written") == written + 101; }));
+    EXPECT_TRUE(WaitUntil([&] { return Count("report.alarms.written") == written + 101; }));
 }
 
 TEST_F(DataCommModuleTest, ADocumentThatIsNotJsonIsDroppedAndCounted) {
@@ -77,8 +78,8 @@ TEST_F(DataCommModuleTest, ADocumentThatIsNotJsonIsDroppedAndCounted) {
     Send("not json");
     Send("{\"cut\":");
     Send(Doc(1));
-    ASSERT_TRUE(WaitFor([&] { return ReadLines(sink_).size() == 1; }));
-    EXPECT_EQ(ReadLines(sink_).front(), Doc(1));
+    ASSERT_TRUE(WaitUntil([&] { return FileText::Lines(sink_).size() == 1; }));
+    EXPECT_EQ(FileText::Lines(sink_).front(), Doc(1));
     EXPECT_EQ(Count("report.alarms.invalid"), invalid + 2);
 }
 
@@ -86,32 +87,58 @@ TEST_F(DataCommModuleTest, AlarmsQueuedAtShutdownAreStillWritten) {
     Start();
     for (int i = 0; i < 500; ++i) Send(Doc(i));
     Stop();
-    EXPECT_EQ(ReadLines(sink_).size(), 500u);
+    EXPECT_EQ(FileText::Lines(sink_).size(), 500u);
 }
 
 TEST_F(DataCommModuleTest, SighupReopensTheFileAfterRotation) {
     Start();
     Send(Doc(1));
-    ASSERT_TRUE(WaitFor([&] { return ReadLines(sink_).size() == 1; }));
+    ASSERT_TRUE(WaitUntil([&] { return FileText::Lines(sink_).size() == 1; }));
     ASSERT_EQ(::rename(sink_.c_str(), (sink_ + ".1").c_str()), 0);
     ASSERT_EQ(::raise(SIGHUP), 0);  // hooked by the module: must not end the process
     Send(Doc(2));
-    ASSERT_TRUE(WaitFor([&] { return ReadLines(sink_).size() == 1; }));
-    EXPECT_EQ(ReadLines(sink_ + ".1"), std::vector<std::string>{Doc(1)});
-    EXPECT_EQ(ReadLines(sink_).front(), Doc(2));
+    ASSERT_TRUE(WaitUntil([&] { return FileText::Lines(sink_).size() == 1; }));
+    EXPECT_EQ(FileText::Lines(sink_ + ".1"), std::vector<std::string>{Doc(1)});
+    EXPECT_EQ(FileText::Lines(sink_).front(), Doc(2));
+}
+
+std::atomic<int> gEarlierHangups{0};
+void CountHangup(int) { gEarlierHangups.fetch_add(1); }
+
+TEST_F(DataCommModuleTest, SighupStillReachesTheHandlerInstalledBeforeTheModule) {
+    struct sigaction earlier {};
+    struct sigaction saved {};
+    earlier.sa_handler = CountHangup;
+    sigemptyset(&earlier.sa_mask);
+    ASSERT_EQ(::sigaction(SIGHUP, &earlier, &saved), 0);
+    Start();
+    Send(Doc(1));
+    ASSERT_TRUE(WaitUntil([&] { return FileText::Lines(sink_).size() == 1; }));
+    ASSERT_EQ(::rename(sink_.c_str(), (sink_ + ".1").c_str()), 0);
+    ASSERT_EQ(::raise(SIGHUP), 0);
+    EXPECT_EQ(gEarlierHangups.load(), 1);  // the host process's own SIGHUP work still happens
+    Send(Doc(2));
+    EXPECT_TRUE(
+        WaitUntil([&] { return FileText::Lines(sink_).size() == 1; }));  // and the file reopens
+    Stop();
+    // Stopping the module puts the earlier handler back.
+    ASSERT_EQ(::raise(SIGHUP), 0);
+    EXPECT_EQ(gEarlierHangups.load(), 2);
+    ::sigaction(SIGHUP, &saved, nullptr);
 }
 
 TEST_F(DataCommModuleTest, ADeletedAlarmFileIsRecreatedWithinASecond) {
     Start();
     Send(Doc(1));
-    ASSERT_TRUE(WaitFor([&] { return ReadLines(sink_).size() == 1; }));
+    ASSERT_TRUE(WaitUntil([&] { return FileText::Lines(sink_).size() == 1; }));
     ASSERT_EQ(::unlink(sink_.c_str()), 0);
     const auto deleted = std::chrono::steady_clock::now();
-    ASSERT_TRUE(WaitFor([&] { return ::access(sink_.c_str(), F_OK) == 0; }, 5));
+    ASSERT_TRUE(
+        WaitUntil([&] { return ::access(sink_.c_str(), F_OK) == 0; }, std::chrono::seconds(5)));
     EXPECT_LT(std::chrono::steady_clock::now() - deleted, std::chrono::seconds(1));
     Send(Doc(2));
-    ASSERT_TRUE(WaitFor([&] { return ReadLines(sink_).size() == 1; }));
-    EXPECT_EQ(ReadLines(sink_).front(), Doc(2));
+    ASSERT_TRUE(WaitUntil([&] { return FileText::Lines(sink_).size() == 1; }));
+    EXPECT_EQ(FileText::Lines(sink_).front(), Doc(2));
 }
 
 TEST_F(DataCommModuleTest, AlarmsTheFileCouldNotTakeSurviveARestartInOrder) {
@@ -126,8 +153,8 @@ TEST_F(DataCommModuleTest, AlarmsTheFileCouldNotTakeSurviveARestartInOrder) {
     ASSERT_EQ(::unlink(blocker.c_str()), 0);
     Start();
     Send(Doc(50));
-    ASSERT_TRUE(WaitFor([&] { return ReadLines(sink_).size() == 51; }));
-    const auto lines = ReadLines(sink_);
+    ASSERT_TRUE(WaitUntil([&] { return FileText::Lines(sink_).size() == 51; }));
+    const auto lines = FileText::Lines(sink_);
     for (int i = 0; i <= 50; ++i) EXPECT_EQ(lines[i], Doc(i));
 }
 
@@ -136,7 +163,7 @@ TEST_F(DataCommModuleTest, WithoutAFileOutputNothingIsWrittenAndTheLossIsCounted
     Start();
     const uint64_t before = Count("report.alarms.no_output");
     Send(Doc(0));
-    ASSERT_TRUE(WaitFor([&] { return Count("report.alarms.no_output") == before + 1; }));
+    ASSERT_TRUE(WaitUntil([&] { return Count("report.alarms.no_output") == before + 1; }));
     EXPECT_NE(::access(sink_.c_str(), F_OK), 0);
 }
 
@@ -148,7 +175,7 @@ TEST_F(DataCommModuleTest, AlarmsAreCountedByClassWithUnknownClassesAsOther) {
     Send(R"({"event_classid":"made_up_by_a_sender","n":2})");
     Send(R"({"event_classid":7,"n":3})");
     Send("not json");
-    ASSERT_TRUE(WaitFor([&] { return Count("report.alarms.class.other") == other + 2; }));
+    ASSERT_TRUE(WaitUntil([&] { return Count("report.alarms.class.other") == other + 2; }));
     EXPECT_EQ(Count("report.alarms.class.dockerfile_001"), first + 1);
     EXPECT_EQ(Count("report.alarms.class.made_up_by_a_sender"), 0u);
 }

@@ -10,18 +10,20 @@
 
 #include "TestFiles.h"
 #include "report/FileSink.h"
+#include "support/FileText.h"
+#include "support/TempDir.h"
 
 namespace {
 
 using ReportTest::Doc;
-using ReportTest::ReadLines;
-using ReportTest::TempDir;
+using TestSupport::FileText;
+using TestSupport::TempDir;
 using Lines = std::vector<std::string>;
 
 bool AllValidJson(const std::string& path) {
-    const std::string all = ReportTest::ReadAll(path);
+    const std::string all = FileText::Read(path);
     if (!all.empty() && all.back() != '\n') return false;
-    for (const std::string& line : ReadLines(path)) {
+    for (const std::string& line : FileText::Lines(path)) {
         Json::Value root;
         Json::CharReaderBuilder builder;
         std::string errors;
@@ -42,7 +44,7 @@ TEST_F(FileSinkTest, LinesAreAppendedInOrderAndTheDirectoryIsCreated) {
     ASSERT_TRUE(sink.IsOpen());
     EXPECT_EQ(sink.Deliver({Doc(0), Doc(1)}).delivered, 2u);
     EXPECT_EQ(sink.Deliver({Doc(2)}).delivered, 1u);
-    EXPECT_EQ(ReadLines(path_), (Lines{Doc(0), Doc(1), Doc(2)}));
+    EXPECT_EQ(FileText::Lines(path_), (Lines{Doc(0), Doc(1), Doc(2)}));
 }
 
 TEST_F(FileSinkTest, AFullDiskLeavesOnlyWholeLinesAndTheRestFollowsLater) {
@@ -62,7 +64,7 @@ TEST_F(FileSinkTest, AFullDiskLeavesOnlyWholeLinesAndTheRestFollowsLater) {
     EXPECT_EQ(cut.delivered, 1u);
     EXPECT_FALSE(cut.error.empty());
     EXPECT_EQ(sink.Deliver({Doc(2, 100), Doc(3, 100)}).delivered, 2u);
-    EXPECT_EQ(ReadLines(path_), (Lines{Doc(0, 100), Doc(1, 100), Doc(2, 100), Doc(3, 100)}));
+    EXPECT_EQ(FileText::Lines(path_), (Lines{Doc(0, 100), Doc(1, 100), Doc(2, 100), Doc(3, 100)}));
 }
 
 TEST_F(FileSinkTest, ADeletedMovedOrReplacedFileIsOpenedAnewWithoutBeingTold) {
@@ -71,19 +73,19 @@ TEST_F(FileSinkTest, ADeletedMovedOrReplacedFileIsOpenedAnewWithoutBeingTold) {
     ASSERT_EQ(::unlink(path_.c_str()), 0);
     sink.Poll();
     sink.Deliver({Doc(1)});
-    EXPECT_EQ(ReadLines(path_), (Lines{Doc(1)}));
+    EXPECT_EQ(FileText::Lines(path_), (Lines{Doc(1)}));
 
     ASSERT_EQ(::rename(path_.c_str(), (path_ + ".1").c_str()), 0);  // rotation without SIGHUP
     sink.Deliver({Doc(2)});
-    EXPECT_EQ(ReadLines(path_ + ".1"), (Lines{Doc(1)}));
-    EXPECT_EQ(ReadLines(path_), (Lines{Doc(2)}));
+    EXPECT_EQ(FileText::Lines(path_ + ".1"), (Lines{Doc(1)}));
+    EXPECT_EQ(FileText::Lines(path_), (Lines{Doc(2)}));
 
     // Replaced by rename (what editors and log shippers do): the new file gets the next lines.
     std::ofstream(path_ + ".new") << Doc(100) << "\n";
     ASSERT_EQ(::rename((path_ + ".new").c_str(), path_.c_str()), 0);
     sink.Poll();
     sink.Deliver({Doc(3)});
-    EXPECT_EQ(ReadLines(path_), (Lines{Doc(100), Doc(3)}));
+    EXPECT_EQ(FileText::Lines(path_), (Lines{Doc(100), Doc(3)}));
 }
 
 TEST_F(FileSinkTest, AnUnopenablePathFailsTheAttemptAndRecoversWhenItCanBeOpened) {
@@ -96,7 +98,7 @@ TEST_F(FileSinkTest, AnUnopenablePathFailsTheAttemptAndRecoversWhenItCanBeOpened
     EXPECT_NE(failed.error.find("blocked"), std::string::npos) << failed.error;
     ASSERT_EQ(::unlink(blocker.c_str()), 0);
     EXPECT_EQ(sink.Deliver({Doc(0)}).delivered, 1u);
-    EXPECT_EQ(ReadLines(blocker + "/alarms.jsonl"), (Lines{Doc(0)}));
+    EXPECT_EQ(FileText::Lines(blocker + "/alarms.jsonl"), (Lines{Doc(0)}));
 }
 
 class FileSinkFifo : public FileSinkTest {

@@ -8,11 +8,13 @@
 #include "TestFiles.h"
 #include "framework/Counters.h"
 #include "report/SinkWorker.h"
+#include "support/Deadline.h"
+#include "support/TempDir.h"
 
 namespace {
 
 using ReportTest::Doc;
-using ReportTest::WaitFor;
+using TestSupport::WaitUntil;
 
 // A receiver that can be switched off, takes at most `perCall` lines an attempt, and records
 // everything it was given.
@@ -68,7 +70,7 @@ protected:
     }
     uint64_t Count(const std::string& name) { return Framework::Counters::Instance().Value(name); }
 
-    ReportTest::TempDir tmp_;
+    TestSupport::TempDir tmp_;
 };
 
 TEST_F(SinkWorkerTest, AnOutageDelaysButNeitherLosesNorReordersNorDuplicates) {
@@ -80,19 +82,19 @@ TEST_F(SinkWorkerTest, AnOutageDelaysButNeitherLosesNorReordersNorDuplicates) {
         sent.push_back(Doc(i));
         ASSERT_TRUE(worker->Offer(sent.back()));
     }
-    ASSERT_TRUE(WaitFor([&] { return sink->Got().size() == 50; }));
+    ASSERT_TRUE(WaitUntil([&] { return sink->Got().size() == 50; }));
     sink->up = false;
     const int attemptsBefore = sink->attempts;
     for (int i = 50; i < 100; ++i) {
         sent.push_back(Doc(i));
         ASSERT_TRUE(worker->Offer(sent.back()));
     }
-    ASSERT_TRUE(WaitFor([&] { return sink->attempts >= attemptsBefore + 3; }));
+    ASSERT_TRUE(WaitUntil([&] { return sink->attempts >= attemptsBefore + 3; }));
     sink->up = true;
-    ASSERT_TRUE(WaitFor([&] { return sink->Got().size() == 100; }));
+    ASSERT_TRUE(WaitUntil([&] { return sink->Got().size() == 100; }));
     EXPECT_EQ(sink->Got(), sent);
     EXPECT_GE(Count("report.outage.attempts_failed"), 3u);
-    EXPECT_TRUE(WaitFor([&] { return Count("report.outage.delivered") == 100u; }));
+    EXPECT_TRUE(WaitUntil([&] { return Count("report.outage.delivered") == 100u; }));
 }
 
 TEST_F(SinkWorkerTest, RetriesBackOffInsteadOfSpinning) {
@@ -102,10 +104,10 @@ TEST_F(SinkWorkerTest, RetriesBackOffInsteadOfSpinning) {
     const auto start = std::chrono::steady_clock::now();
     worker->Offer(Doc(0));
     // Attempts 100, 200 and 200 ms apart (the sink's maximum), not back to back.
-    ASSERT_TRUE(WaitFor([&] { return sink->attempts >= 4; }));
+    ASSERT_TRUE(WaitUntil([&] { return sink->attempts >= 4; }));
     EXPECT_GE(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(450));
     sink->up = true;
-    ASSERT_TRUE(WaitFor([&] { return sink->Got().size() == 1; }));
+    ASSERT_TRUE(WaitUntil([&] { return sink->Got().size() == 1; }));
 }
 
 TEST_F(SinkWorkerTest, WhatOverflowsTheSpoolIsCountedAndTheRestArrives) {
@@ -117,7 +119,7 @@ TEST_F(SinkWorkerTest, WhatOverflowsTheSpoolIsCountedAndTheRestArrives) {
     EXPECT_LT(kept, 400);
     EXPECT_EQ(Count("report.overflow.spool.overflow"), static_cast<uint64_t>(400 - kept));
     sink->up = true;
-    ASSERT_TRUE(WaitFor([&] { return sink->Got().size() == static_cast<std::size_t>(kept); }));
+    ASSERT_TRUE(WaitUntil([&] { return sink->Got().size() == static_cast<std::size_t>(kept); }));
 }
 
 }  // namespace

@@ -11,12 +11,15 @@
 
 #include "TestFiles.h"
 #include "report/Spool.h"
+#include "support/FileText.h"
+#include "support/TempDir.h"
 
 namespace {
 
 using Report::Spool;
 using ReportTest::Doc;
-using ReportTest::TempDir;
+using TestSupport::FileText;
+using TestSupport::TempDir;
 
 std::vector<std::string> Segments(const std::string& dir) {
     std::vector<std::string> names;
@@ -216,7 +219,7 @@ TEST_F(SpoolTest, AFullDiskRefusesTheLineAndLeavesOnlyWholeLines) {
         EXPECT_EQ(spool->Append(Doc(1, 100)), Spool::AppendResult::kFailed);
         EXPECT_FALSE(spool->LastError().empty());
     }
-    EXPECT_EQ(ReportTest::ReadAll(segment), Doc(0, 100) + "\n");
+    EXPECT_EQ(FileText::Read(segment), Doc(0, 100) + "\n");
     EXPECT_EQ(spool->Append(Doc(2, 100)), Spool::AppendResult::kOk);
     EXPECT_EQ(DrainAll(*spool, 10), (std::vector<std::string>{Doc(0, 100), Doc(2, 100)}));
 }

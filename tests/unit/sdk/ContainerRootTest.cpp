@@ -13,35 +13,31 @@
 #include "sdk/PathUtils.h"
 #include "sdk/RootConfinement.h"
 #include "sdk/UniqueFd.h"
+#include "support/FileText.h"
+#include "support/TempDir.h"
 
 namespace {
+
+using TestSupport::FileText;
 
 /// A host directory with a secret file, and beside it a "container root" with its own /etc.
 class ContainerRootTest : public ::testing::Test {
 protected:
     void SetUp() override {
-        char templ[] = "/tmp/tarnwick-root-XXXXXX";
-        const char* made = ::mkdtemp(templ);
-        ASSERT_NE(nullptr, made);
-        host = made;
-        root = host + "/merged";
         ASSERT_EQ(0, ::mkdir(root.c_str(), 0755));
         ASSERT_EQ(0, ::mkdir((root + "/etc").c_str(), 0755));
         ASSERT_EQ(0, ::mkdir((root + "/tmp").c_str(), 0755));
-        Write(host + "/secret", "host secret\n");
-        Write(root + "/etc/secret", "container secret\n");
+        FileText::Write(host + "/secret", "host secret\n");
+        FileText::Write(root + "/etc/secret", "container secret\n");
     }
-    void TearDown() override { std::system(("rm -rf '" + host + "'").c_str()); }
 
-    static void Write(const std::string& path, const std::string& text) {
-        std::ofstream(path, std::ios::binary) << text;
-    }
     void Link(const std::string& target, const std::string& inner) {
         ASSERT_EQ(0, ::symlink(target.c_str(), (root + inner).c_str()));
     }
 
-    std::string host;
-    std::string root;
+    TestSupport::TempDir tmp_{"tarnwick-root"};
+    const std::string host = tmp_.Path();
+    const std::string root = host + "/merged";
 };
 
 TEST_F(ContainerRootTest, LinksAndDotDotResolveInsideTheRoot) {

@@ -19,35 +19,12 @@
 #include "sdk/LoggerUtils.h"
 #include "sdk/PathUtils.h"
 #include "sdk/ProcessUtils.h"
+#include "support/Shell.h"
+#include "support/TempDir.h"
 
 namespace {
 
-class TempDir {
-public:
-    TempDir() {
-        char templ[] = "/tmp/tarnwick-sdk-XXXXXX";
-        path_ = ::mkdtemp(templ);
-    }
-    ~TempDir() { std::system(("rm -rf '" + path_ + "'").c_str()); }
-    std::string File(const std::string& name, const std::string& content) const {
-        const std::string path = path_ + "/" + name;
-        std::ofstream(path, std::ios::binary) << content;
-        return path;
-    }
-    const std::string& Path() const { return path_; }
-
-private:
-    std::string path_;
-};
-
-std::string Shell(const std::string& command) {
-    std::string out;
-    FILE* p = ::popen(command.c_str(), "r");
-    char buf[256];
-    while (p != nullptr && std::fgets(buf, sizeof(buf), p) != nullptr) out += buf;
-    if (p != nullptr) ::pclose(p);
-    return out;
-}
+using TestSupport::TempDir;
 
 TEST(FileSha256, KnownDigestsAndTheSizeLimit) {
     TempDir dir;
@@ -66,7 +43,8 @@ TEST(FileSha256, TenMebibytesMatchTheSystemTool) {
     const std::string path = dir.File("ten", std::string(10 << 20, '\x5a'));
     std::string digest;
     ASSERT_TRUE(SDK::FileUtils::GetFileSha256(path, digest, 10 << 20));
-    EXPECT_EQ(digest + "\n", Shell("sha256sum '" + path + "' | cut -d' ' -f1"));
+    EXPECT_EQ(digest + "\n",
+              TestSupport::Shell::Run("sha256sum '" + path + "' | cut -d' ' -f1").out);
 }
 
 TEST(FileOpen, FifoDeviceAndDirectoryAreRefusedWithoutHanging) {
@@ -107,6 +85,32 @@ TEST(Json, CompactOutputAndDepthLimit) {
     EXPECT_FALSE(SDK::JsonUtils::GetArrayValue(typed, "a", out));
 }
 
+// A container names its files with any bytes. What the document says must be either the name
+// itself or plainly undecodable, never another plausible name, and it must read back the same.
+TEST(Json, BytesThatAreNotUtf8AreWrittenAsReplacementCharacters) {
+    Json::Value doc(Json::objectValue);
+    doc["file"] =
+        "/tmp/\xC9"
+        "d";                            // a lead byte without its continuation
+    doc["lone"] = "\xAA";               // a continuation byte alone
+    doc["surrogate"] = "\xED\xA0\x80";  // U+D800 spelt in UTF-8
+    doc["overlong"] = "\xC0\xAF";       // "/" in two bytes
+    doc["cut"] = "\xE2\x82";            // a sequence cut short at the end
+    doc["valid"] = "\xC3\xA9\xF0\x9F\x98\x80";
+    doc["\xFF"] = 1;
+    const std::string text = SDK::JsonUtils::JsonToString(doc);
+    EXPECT_EQ(text, R"({"cut":"\ufffd\ufffd","file":"/tmp/\ufffdd","lone":"\ufffd",)"
+                    R"("overlong":"\ufffd\ufffd","surrogate":"\ufffd\ufffd\ufffd",)"
+                    R"("valid":"\u00e9\ud83d\ude00","\ufffd":1})");
+    Json::Value again;
+    ASSERT_EQ(SDK::JsonUtils::ParseJsonStr(text, again), 0);
+    EXPECT_EQ(SDK::JsonUtils::JsonToString(again), text);
+    EXPECT_EQ(again["valid"].asString(), "\xC3\xA9\xF0\x9F\x98\x80");
+    EXPECT_EQ(doc["file"].asString(),
+              "/tmp/\xC9"
+              "d");  // the caller's document is left alone
+}
+
 TEST(Paths, FileNameAndCanonicalForm) {
     EXPECT_EQ(SDK::PathUtils::GetFileNameFromPath("/a/b/RootFsMonitor.cpp"), "RootFsMonitor.cpp");
     EXPECT_EQ(SDK::PathUtils::GetFileNameFromPath("plain"), "plain");
@@ -128,6 +132,18 @@ TEST(ContainerOfProcess, CgroupV1AndV2Forms) {
         SDK::ProcessUtils::ParseContainerIdFromCgroup("0::/system.slice/docker-" + id + ".scope\n"),
         id);
     EXPECT_EQ(SDK::ProcessUtils::ParseContainerIdFromCgroup("0::/user.slice/session-1.scope\n"),
+              "");
+    // Podman with cgroupfs (captured) and with systemd; its conmon is no container.
+    const std::string podman = "3d64fa20aee3959c65f7af8a9fa6a272aa258b17ff92a127a213fa662e5a2d22";
+    EXPECT_EQ(SDK::ProcessUtils::ParseContainerIdFromCgroup(
+                  "9:name=systemd:/libpod_parent/libpod-" + podman +
+                  "\n8:pids:/libpod_parent/libpod-" + podman + "\n"),
+              podman);
+    EXPECT_EQ(SDK::ProcessUtils::ParseContainerIdFromCgroup("0::/machine.slice/libpod-" + podman +
+                                                            ".scope/container\n"),
+              podman);
+    EXPECT_EQ(SDK::ProcessUtils::ParseContainerIdFromCgroup("0::/machine.slice/libpod-conmon-" +
+                                                            podman + ".scope\n"),
               "");
     EXPECT_EQ(SDK::ProcessUtils::ParseContainerIdFromCgroup("0::/docker/nothex\n"), "");
     // This test process is not in a container, and a missing process has no container.

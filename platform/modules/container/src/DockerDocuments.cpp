@@ -12,6 +12,8 @@ namespace Engine {
 
 namespace {
 constexpr size_t kMaxIdLength = 64;
+// Prefixes of a fully qualified reference that the familiar form leaves out, longest first.
+const char* const kImplicitPrefixes[] = {"docker.io/library/", "docker.io/", "localhost/"};
 
 // JsonCpp's operator[] throws on non-objects; this lookup never does.
 const Json::Value& Member(const Json::Value& obj, const char* key) {
@@ -116,16 +118,38 @@ std::string JoinCommand(const std::string& path, const std::vector<std::string>&
     return cmd;
 }
 
-bool ParseObject(const std::string& text, Json::Value& root, std::string& error) {
+// Parses a whole document whose top level must be of `type` (named in the error as `what`).
+bool ParseDocument(const std::string& text, Json::ValueType type, const char* what,
+                   Json::Value& root, std::string& error) {
     if (SDK::JsonUtils::ParseJsonStr(text, root) != 0) {
         error = "not a complete JSON document";
         return false;
     }
-    if (!root.isObject()) {
-        error = "not a JSON object";
+    if (root.type() != type) {
+        error = std::string("not a JSON ") + what;
         return false;
     }
     return true;
+}
+
+bool ParseObject(const std::string& text, Json::Value& root, std::string& error) {
+    return ParseDocument(text, Json::objectValue, "object", root, error);
+}
+
+bool StartsWith(const std::string& text, const std::string& prefix) {
+    return text.compare(0, prefix.size(), prefix) == 0;
+}
+
+// Every path the agent watches for the container is this root joined with a path inside the
+// container: it must name a directory below "/" without detours, or watches meant for the
+// container would land on the host's own files.
+bool UsableRootPath(const std::string& path) {
+    if (path.size() < 2 || path[0] != '/' || path.find('\0') != std::string::npos) return false;
+    const std::string padded = path + "/";
+    if (padded.find("/../") != std::string::npos || padded.find("/./") != std::string::npos) {
+        return false;
+    }
+    return padded.find_first_not_of('/') != std::string::npos;
 }
 
 bool FillInfo(const Json::Value& root, ContainerInfo& info, std::string& error) {
@@ -160,7 +184,7 @@ bool FillInfo(const Json::Value& root, ContainerInfo& info, std::string& error) 
     info.volumes = Keys(config, "Volumes");
     info.hostName = String(config, "Hostname");
     info.imageId = String(root, "Image");
-    info.imageName = String(config, "Image");
+    info.imageName = FamiliarImageName(String(config, "Image"));
     info.capAdd = Strings(host, "CapAdd");
     info.status = String(state, "Status");
     info.created = String(root, "Created");
@@ -173,10 +197,31 @@ bool FillInfo(const Json::Value& root, ContainerInfo& info, std::string& error) 
     info.ports = Ports(network);
     info.workingDir = String(config, "WorkingDir");
     info.mountPoints = Mounts(root);
-    info.rootPath = String(Member(Member(root, "GraphDriver"), "Data"), "MergedDir");
-    return true;
+    const Json::Value& graph = Member(root, "GraphDriver");
+    info.rootPath = String(Member(graph, "Data"), "MergedDir");
+    if (!info.running || UsableRootPath(info.rootPath)) return true;
+    // Podman's vfs storage (and Docker's) has no merged directory; nothing else in the
+    // document names the root as a host path.
+    const std::string driver = String(graph, "Name");
+    error = "no usable GraphDriver.Data.MergedDir for a running container (storage driver '" +
+            driver + "')";
+    return false;
 }
 }  // namespace
+
+const char* ContainerEventFilters() {
+    return R"({"type":["container"],"event":["start","die","died"]})";
+}
+
+std::string FamiliarImageName(const std::string& reference) {
+    for (const char* prefix : kImplicitPrefixes) {
+        const std::string text(prefix);
+        if (reference.size() > text.size() && StartsWith(reference, text)) {
+            return reference.substr(text.size());
+        }
+    }
+    return reference;
+}
 
 bool IsContainerId(const std::string& text) {
     if (text.empty() || text.size() > kMaxIdLength) return false;
@@ -212,14 +257,7 @@ bool ParseContainerList(const std::string& text, std::vector<std::string>& ids,
                         std::string& error) {
     try {
         Json::Value root;
-        if (SDK::JsonUtils::ParseJsonStr(text, root) != 0) {
-            error = "not a complete JSON document";
-            return false;
-        }
-        if (!root.isArray()) {
-            error = "not a JSON array";
-            return false;
-        }
+        if (!ParseDocument(text, Json::arrayValue, "array", root, error)) return false;
         std::vector<std::string> out;
         for (const auto& item : root) {
             const std::string id = String(item, "Id");
@@ -250,7 +288,7 @@ EventLineResult ParseContainerEvent(const std::string& line, ContainerEvent& eve
         ContainerEvent parsed;
         if (action == "start") {
             parsed.action = ContainerEvent::Action::kStart;
-        } else if (action == "die") {
+        } else if (action == "die" || action == "died") {
             parsed.action = ContainerEvent::Action::kDie;
         } else if (action.empty()) {
             error = "no Action";

@@ -23,7 +23,6 @@ constexpr int kConnectTimeoutMs = 5000;
 constexpr int kFirstBackoffMs = 250;
 constexpr int kMaxBackoffMs = 16000;
 constexpr uint64_t kWarnIntervalMs = 5000;
-const char* const kEventFilters = R"({"type":["container"],"event":["start","die"]})";
 
 Framework::DegradedCounter gMalformed("container.events.malformed", kWarnIntervalMs);
 // Told every time: the reconnect backoff already bounds how often.
@@ -31,7 +30,7 @@ Framework::DegradedCounter gReconnects("container.engine.reconnects", 0);
 
 std::string EventsUri() {
     std::string encoded;
-    Poco::URI::encode(kEventFilters, "?#/:;+@&=", encoded);
+    Poco::URI::encode(ContainerEventFilters(), "?#/:;+@&=", encoded);
     return "/events?filters=" + encoded;
 }
 }  // namespace

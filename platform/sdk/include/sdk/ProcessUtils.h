@@ -6,8 +6,9 @@ namespace SDK {
 
 class ProcessUtils {
 public:
-    /// The 64-hex Docker container id of process `pid` from /proc/<pid>/cgroup (cgroup v1
-    /// ".../docker/<id>" and v2 ".../docker-<id>.scope"); containerId stays empty otherwise.
+    /// The 64-hex container id of process `pid` from /proc/<pid>/cgroup (Docker's cgroup v1
+    /// ".../docker/<id>" and v2 ".../docker-<id>.scope", Podman's ".../libpod-<id>[.scope]");
+    /// containerId stays empty otherwise.
     /// A process that CaptureProcess saw is answered from that capture once it has exited, or
     /// when its pid now belongs to a process that started after the capture.
     static void GetContainerID(int pid, std::string& containerId);

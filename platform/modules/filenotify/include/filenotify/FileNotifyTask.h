@@ -26,6 +26,11 @@ namespace Engine {
 /// the kernel (an overflow there is resynchronised and counted); a container beyond its share loses
 /// events, counted.
 ///
+/// Unlike the audit service, reading stays on the task thread on purpose: what follows a read is a
+/// table lookup, the per-container share can only be applied once an event is decoded, and
+/// leaving excess events in the kernel (overflow resynchronised) is the back-pressure; a reader
+/// thread in front would have to drop a storm's events without regard to whose they are.
+///
 /// Init (control thread) opens the inotify instance and adds it to the task's event waiter;
 /// everything else runs on the task thread. UnInit closes the instance, which drops every
 /// kernel watch.

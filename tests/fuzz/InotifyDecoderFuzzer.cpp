@@ -1,0 +1,49 @@
+// Bytes as read() from an inotify descriptor through the event decoder, once from libFuzzer's
+// buffer and once from a copy one byte off alignment.
+#include <sys/inotify.h>
+
+#include <cstddef>
+#include <cstdint>
+#include <cstring>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "FuzzCheck.h"
+#include "filenotify/InotifyDecoder.h"
+
+namespace {
+std::vector<Engine::InotifyRecord> DecodeChecked(const unsigned char* bytes, std::size_t size) {
+    std::size_t consumed = size + 1;
+    std::vector<Engine::InotifyRecord> records =
+        Engine::DecodeInotifyEvents(bytes, size, &consumed);
+    FUZZ_CHECK(consumed <= size);
+    // Every record's header and name came out of the bytes it says it consumed.
+    std::size_t namesAndHeaders = 0;
+    for (const auto& record : records) {
+        FUZZ_CHECK(record.name.find('\0') == std::string::npos);
+        namesAndHeaders += sizeof(struct inotify_event) + record.name.size();
+    }
+    FUZZ_CHECK(namesAndHeaders <= consumed);
+    // Decoding only the whole records gives the same records.
+    std::size_t again = 0;
+    FUZZ_CHECK(Engine::DecodeInotifyEvents(bytes, consumed, &again).size() == records.size());
+    FUZZ_CHECK(again == consumed);
+    return records;
+}
+}  // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, std::size_t size) {
+    const std::vector<Engine::InotifyRecord> aligned = DecodeChecked(data, size);
+
+    std::unique_ptr<unsigned char[]> shifted(new unsigned char[size + 1]);
+    if (size > 0) std::memcpy(shifted.get() + 1, data, size);
+    const std::vector<Engine::InotifyRecord> unaligned = DecodeChecked(shifted.get() + 1, size);
+    FUZZ_CHECK(aligned.size() == unaligned.size());
+    for (std::size_t i = 0; i < aligned.size(); ++i) {
+        FUZZ_CHECK(aligned[i].wd == unaligned[i].wd && aligned[i].mask == unaligned[i].mask);
+        FUZZ_CHECK(aligned[i].name == unaligned[i].name);
+    }
+    FUZZ_CHECK(Engine::DecodeInotifyEvents(nullptr, size, nullptr).empty());
+    return 0;
+}

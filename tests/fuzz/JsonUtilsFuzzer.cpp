@@ -1,0 +1,37 @@
+// Any text through the JSON helpers: parsing never throws or recurses without bound, and what
+// JsonToString writes (an alarm is one line of it) is one line that parses again.
+#include <cstddef>
+#include <cstdint>
+#include <string>
+
+#include "FuzzCheck.h"
+#include "sdk/JsonUtils.h"
+
+namespace {
+void Accessors(const Json::Value& value) {
+    static const char* const kKeys[] = {"", "a", "content", "rules", "Id"};
+    for (const char* key : kKeys) {
+        SDK::JsonUtils::GetStringValue(value, key, "default");
+        SDK::JsonUtils::GetBoolValue(value, key, true);
+        SDK::JsonUtils::GetIntValue(value, key, -1);
+        Json::Value member;
+        if (SDK::JsonUtils::GetSubobjectValue(value, key, member)) FUZZ_CHECK(member.isObject());
+        if (SDK::JsonUtils::GetArrayValue(value, key, member)) FUZZ_CHECK(member.isArray());
+    }
+    FUZZ_CHECK(SDK::JsonUtils::GetStringValue(value, "\x01missing", nullptr).empty());
+}
+}  // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, std::size_t size) {
+    Json::Value value;
+    if (SDK::JsonUtils::ParseJsonStr(reinterpret_cast<const char*>(data), size, value) != 0) {
+        return 0;
+    }
+    Accessors(value);
+    const std::string line = SDK::JsonUtils::JsonToString(value);
+    FUZZ_CHECK(line.find('\n') == std::string::npos);
+    Json::Value again;
+    FUZZ_CHECK(SDK::JsonUtils::ParseJsonStr(line, again) == 0);
+    FUZZ_CHECK(SDK::JsonUtils::JsonToString(again) == line);
+    return 0;
+}
