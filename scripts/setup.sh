@@ -10,10 +10,13 @@ PACKAGES=(
   libpoco-dev libjsoncpp-dev libssl-dev libaudit-dev
   libgtest-dev libgmock-dev googletest libbenchmark-dev
   auditd docker.io podman busybox-static debootstrap
-  procps util-linux jq clang-format
+  procps util-linux jq curl clang-format
   clang-14 libclang-rt-14-dev
   rsyslog nginx openssl
   dpkg-dev file systemd logrotate
+  # promtool checks the metrics endpoint's output; the Prometheus server it comes with is
+  # switched off again below.
+  prometheus
 )
 BENCH_PACKAGES=(dpdk-dev librte-ring23 libconcurrentqueue-dev libboost-dev)
 
@@ -40,5 +43,10 @@ echo "setup: installing ${missing[*]}"
 export DEBIAN_FRONTEND=noninteractive
 apt-get update -qq
 apt-get install -y -qq --no-install-recommends "${missing[@]}"
+# Debian's prometheus package enables and starts its server; only its promtool is wanted.
+if [[ " ${missing[*]} " == *" prometheus "* ]] && command -v systemctl >/dev/null &&
+  [ -d /run/systemd/system ]; then
+  systemctl disable --now prometheus >/dev/null 2>&1 || true
+fi
 # The agent talks to the kernel audit system itself; an auditd that Debian starts is left
 # alone (the agent reads the multicast group), but a fresh install must not fight over rules.

@@ -19,6 +19,7 @@
 #include <chrono>
 #include <condition_variable>
 #include <csignal>
+#include <cstring>
 #include <iostream>
 #include <mutex>
 #include <thread>
@@ -26,12 +27,14 @@
 #include "agent/CheckExit.h"
 #include "agent/ConfigCheck.h"
 #include "agent/HangupSignal.h"
+#include "agent/MetricsServer.h"
 #include "agent/ModuleLoader.h"
 #include "agent/PolicyCheck.h"
 #include "agent/PolicyDirectory.h"
 #include "agent/ReopenableFileChannel.h"
 #include "agent/ServiceNotifier.h"
 #include "framework/Counters.h"
+#include "framework/Gauges.h"
 #include "framework/Module.h"
 #include "framework/StartupGate.h"
 #include "framework/StatusBoard.h"
@@ -59,6 +62,9 @@ const std::map<std::string, std::string>& Defaults() {
         {"cpu.limit_percent", "0"},
         {"policy.scan_ms", "1000"},
         {"status.interval_s", "60"},
+        {"metrics.enabled", "true"},
+        {"metrics.address", "127.0.0.1"},
+        {"metrics.port", "9467"},
     };
     return defaults;
 }
@@ -236,7 +242,8 @@ bool AgentApplication::LoadSettings(std::string& error) {
 
     // The same rules as --check-config, so that a checked file starts.
     for (const char* key :
-         {"cpu.limit_percent", "log.level", "module.dir", "policy.dir", "policy.scan_ms"}) {
+         {"cpu.limit_percent", "log.level", "module.dir", "policy.dir", "policy.scan_ms",
+          "metrics.enabled", "metrics.address", "metrics.port"}) {
         error = ConfigCheck::StartProblem(key, settings[key]);
         if (!error.empty()) return false;
     }
@@ -297,17 +304,58 @@ void AgentApplication::DeliverPolicies(PolicyDirectory& policies, ModuleLoader& 
     }
 }
 
+namespace {
+// Status lines, and the lines that say the agent runs and where its metrics are, are what an
+// operator running at warning level still needs to see: they are written at notice priority
+// whatever log.level says, through the same channel (and its escaping) as every other record.
+void NoticeRecord(const std::string& text) {
+    Poco::Logger* logger = AgentLogger();
+    try {
+        Poco::Channel* channel = logger == nullptr ? nullptr : logger->getChannel();
+        if (channel == nullptr) return;
+        const char* file = std::strrchr(__FILE__, '/');
+        channel->log(Poco::Message(logger->name(), text, Poco::Message::PRIO_NOTICE,
+                                   file == nullptr ? __FILE__ : file + 1, __LINE__));
+    } catch (const std::exception&) {
+        // A status line must never interrupt the agent.
+    }
+}
+}  // namespace
+
 void AgentApplication::LogCounters() {
     std::string text;
     for (const auto& counter : Framework::Counters::Instance().Snapshot()) {
         if (!text.empty()) text += ", ";
         text += counter.first + "=" + std::to_string(counter.second);
     }
-    TW_LOG(AgentLogger(), PRIO_INFORMATION, "Status: %s",
-           text.empty() ? std::string("no losses") : text);
-    for (const auto& line : Framework::StatusBoard::Instance().Snapshot()) {
-        TW_LOG(AgentLogger(), PRIO_INFORMATION, "Status %s: %s", line.first, line.second);
+    NoticeRecord("Status: " + (text.empty() ? std::string("no losses") : text));
+    std::string levels;
+    for (const auto& gauge : Framework::Gauges::Instance().Snapshot()) {
+        levels += (levels.empty() ? "" : ", ") + gauge.first + "=" + std::to_string(gauge.second);
     }
+    if (!levels.empty()) NoticeRecord("Status levels: " + levels);
+    for (const auto& line : Framework::StatusBoard::Instance().Snapshot()) {
+        NoticeRecord("Status " + line.first + ": " + line.second);
+    }
+}
+
+std::unique_ptr<MetricsServer> AgentApplication::StartMetrics() {
+    if (SDK::ConfigUtils::GetString("metrics.enabled", "true") != "true") {
+        TW_LOG(AgentLogger(), PRIO_INFORMATION, "Metrics endpoint off (metrics.enabled)");
+        return nullptr;
+    }
+    const std::string address = SDK::ConfigUtils::GetString("metrics.address", "127.0.0.1");
+    const auto port = static_cast<uint16_t>(SDK::ConfigUtils::GetInt("metrics.port", 0));
+    std::unique_ptr<MetricsServer> server(new MetricsServer());
+    std::string error;
+    if (!server->Start(address, port, error)) {
+        // The agent protects without it; the operator learns why the scrape fails.
+        TW_LOG(AgentLogger(), PRIO_ERROR, "Metrics endpoint not started: %s", error);
+        return nullptr;
+    }
+    NoticeRecord("Metrics endpoint listening on http://" + address + ":" +
+                 std::to_string(server->Port()) + "/metrics and /healthz");
+    return server;
 }
 
 std::string AgentApplication::ModuleDirForCheck() const {
@@ -400,8 +448,9 @@ int AgentApplication::main(const std::vector<std::string>& args) {
     PolicyDirectory policies(SDK::ConfigUtils::GetString("policy.dir", ""));
     DeliverPolicies(policies, loader);
     Framework::StartupGate::Open();
-    TW_LOG(AgentLogger(), PRIO_INFORMATION, "Agent started with %z modules",
-           loader.Modules().size());
+    // After the modules, so that its first answer already sees them; stopped before them.
+    std::unique_ptr<MetricsServer> metrics = StartMetrics();
+    NoticeRecord("Agent started with " + std::to_string(loader.Modules().size()) + " modules");
     // Ready: the modules hold their policies, and running containers are being handed to them.
     NotifyServiceManager("READY=1");
 
@@ -427,9 +476,10 @@ int AgentApplication::main(const std::vector<std::string>& args) {
     NotifyServiceManager("STOPPING=1");
     stop.Raise();
     watcher.join();
+    metrics.reset();
     loader.UnInitAll();
     LogCounters();
-    TW_LOG(AgentLogger(), PRIO_INFORMATION, "Agent stopped");
+    NoticeRecord("Agent stopped");
     return EXIT_OK;
 }
 

@@ -1,5 +1,6 @@
 #include "agent/ConfigCheck.h"
 
+#include <Poco/Net/IPAddress.h>
 #include <Poco/NumberParser.h>
 #include <Poco/String.h>
 #include <sys/stat.h>
@@ -16,7 +17,17 @@
 namespace Agent {
 
 namespace {
-enum class Kind { kText, kNumber, kDirectory, kLevel, kBool, kFacility, kSyslogTarget, kUrl };
+enum class Kind {
+    kText,
+    kNumber,
+    kDirectory,
+    kLevel,
+    kBool,
+    kFacility,
+    kSyslogTarget,
+    kUrl,
+    kAddress
+};
 
 struct Setting {
     Kind kind;
@@ -54,6 +65,9 @@ const std::map<std::string, Setting>& Catalogue() {
         {"audit.rule_check_ms", {Kind::kNumber, 100}},
         {"audit.backlog", {Kind::kNumber, 1}},
         {"audit.state_file", {Kind::kText}},
+        {"metrics.enabled", {Kind::kBool}},
+        {"metrics.address", {Kind::kAddress}},
+        {"metrics.port", {Kind::kNumber, 0, 65535}},
     };
     return settings;
 }
@@ -95,6 +109,12 @@ std::string RunProblem(const std::string& key, const Setting& s, const std::stri
                 return "";
             }
             return key + " should start with unix:, udp: or tcp:; the syslog output stays off";
+        case Kind::kAddress: {
+            Poco::Net::IPAddress ip;
+            if (!Poco::Net::IPAddress::tryParse(value, ip) || ip.isLoopback()) return "";
+            return key + " " + value +
+                   " is not a loopback address: whoever reaches it can read the metrics";
+        }
         case Kind::kUrl:
             if (StartsWith(value, "http://") || StartsWith(value, "https://")) return "";
             return key + " should be an http:// or https:// URL; the HTTP output stays off";
@@ -145,6 +165,20 @@ std::string ConfigCheck::StartProblem(const std::string& key, const std::string&
         if (IsDirectory(value)) return "";
         return std::string(key == "module.dir" ? "module" : "policy") + " directory " + value +
                " does not exist";
+    }
+    if (key == "metrics.enabled") {
+        if (value == "true" || value == "false") return "";
+        return "metrics.enabled must be true or false";
+    }
+    if (key == "metrics.address") {
+        Poco::Net::IPAddress ip;
+        if (Poco::Net::IPAddress::tryParse(value, ip)) return "";
+        return "metrics.address must be an IP address, such as 127.0.0.1";
+    }
+    if (key == "metrics.port") {
+        Poco::Int64 n = 0;
+        if (Poco::NumberParser::tryParse64(value, n) && n >= 0 && n <= 65535) return "";
+        return "metrics.port must be a number from 0 (any free port) to 65535";
     }
     if (key == "policy.scan_ms") {
         Poco::Int64 n = 0;

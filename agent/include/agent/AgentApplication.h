@@ -5,6 +5,7 @@
 
 #include <atomic>
 #include <map>
+#include <memory>
 #include <string>
 
 #include "agent/ReopenableFileChannel.h"
@@ -41,7 +42,10 @@ private:
     bool LoadSettings(std::string& error);
     bool SetUpLogging(std::string& error);
     void DeliverPolicies(class PolicyDirectory& policies, class ModuleLoader& loader);
+    /// Writes the status lines (counters, gauges, service states), whatever the log level.
     void LogCounters();
+    /// The metrics endpoint as configured, or null when it is off or could not start (logged).
+    std::unique_ptr<class MetricsServer> StartMetrics();
     /// SIGHUP: opens the log file anew at its path (logrotate moved it away).
     void ReopenLog();
     /// Tells the service manager (Type=notify) about the agent's state, logging a failure.

@@ -55,4 +55,11 @@ long TaskRegistry::Queued(const std::string& name) const {
     return static_cast<long>(it->second->QueuedCount());
 }
 
+std::map<std::string, std::size_t> TaskRegistry::QueueDepths() const {
+    std::shared_lock<std::shared_mutex> lock(mutex_);
+    std::map<std::string, std::size_t> depths;
+    for (const auto& item : tasks_) depths[item.first] = item.second->QueuedCount();
+    return depths;
+}
+
 }  // namespace Framework

@@ -10,6 +10,7 @@
 #include "ContainerFeedFixture.h"
 #include "FakeEngine.h"
 #include "framework/Counters.h"
+#include "framework/Gauges.h"
 #include "support/Deadline.h"
 
 namespace Engine {
@@ -155,6 +156,25 @@ TEST_F(FeedAgainstStandIn, MalformedInspectIsSkippedAndCounted) {
     EXPECT_EQ(Framework::Counters::Instance().Value("container.inspect.malformed"), before + 1);
     EXPECT_EQ(Framework::Counters::Instance().Value("container.events.malformed"),
               malformedLines + 1);
+}
+
+TEST_F(FeedAgainstStandIn, ContainerGoneBeforeItWasSeenIsCountedAndEngineShownConnected) {
+    state_.Set({kA});
+    LoadModule(engine_->SocketPath());
+    RecordingTask* rec = AddRecorder("container_test_rec6");
+    rec->Subscribe(true);
+    ASSERT_TRUE(StreamOpen());
+    ASSERT_TRUE(WaitUntil([&] { return rec->Count(kA, true) == 1; }));
+    EXPECT_EQ(Framework::Gauges::Instance().Value(Framework::GaugeNames::kEngineConnected, -1), 1);
+    const uint64_t before = Framework::Counters::Instance().Value("container.start.gone");
+
+    // C's start arrives after it already stopped: the engine says it does not run.
+    engine_->PushEvent(Event("start", kC));
+    state_.Add(kE);
+    engine_->PushEvent(Event("start", kE));
+    ASSERT_TRUE(WaitUntil([&] { return rec->Count(kE, true) == 1; }));
+    EXPECT_EQ(rec->Count(kC, true), 0u);
+    EXPECT_EQ(Framework::Counters::Instance().Value("container.start.gone"), before + 1);
 }
 
 TEST_F(FeedAgainstStandIn, LateSubscriberGetsReplayAndUnsubscribedOneNothingMore) {

@@ -110,3 +110,26 @@ TEST(ConfigCheckValues, TheShippedSettingsFileIsClean) {
 }
 
 }  // namespace
+
+namespace {
+TEST(ConfigCheckMetrics, EndpointSettingsAreCheckedLikeTheAgentStartsWithThem) {
+    EXPECT_TRUE(Check("metrics.enabled = false\nmetrics.address = 127.0.0.1\n"
+                      "metrics.port = 0\n")
+                    .empty());
+    auto findings = Check(
+        "metrics.enabled = no\nmetrics.address = localhost\n"
+        "metrics.port = 65536\n");
+    ASSERT_EQ(findings.size(), 3u);
+    for (const auto& finding : findings) EXPECT_TRUE(finding.invalid) << finding.reason;
+    EXPECT_EQ(findings[1].line, 2);
+    EXPECT_NE(findings[1].reason.find("IP address"), std::string::npos);
+    // Reachable from elsewhere: allowed, but worth a warning.
+    findings = Check("metrics.address = 0.0.0.0\n");
+    ASSERT_EQ(findings.size(), 1u);
+    EXPECT_FALSE(findings[0].invalid);
+    EXPECT_NE(findings[0].reason.find("not a loopback address"), std::string::npos);
+    EXPECT_EQ(ConfigCheck::StartProblem("metrics.port", "-1"),
+              "metrics.port must be a number from 0 (any free port) to 65535");
+    EXPECT_EQ(ConfigCheck::StartProblem("metrics.address", "::1"), "");
+}
+}  // namespace

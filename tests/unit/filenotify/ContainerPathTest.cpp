@@ -267,6 +267,12 @@ TEST_F(ContainerPathTest, CoverageIsCountedPerContainerAndForTheHost) {
     EXPECT_NE(text.find("c0ffee012345 2/2"), std::string::npos) << text;
     EXPECT_NE(text.find("feedbeef0011 1/1"), std::string::npos) << text;
     EXPECT_NE(text.find("host 1/1"), std::string::npos) << text;
+    // The same numbers for metrics: the host is no container.
+    auto numbers = table_.CoverageNumbers();
+    EXPECT_EQ(numbers.requested, 4u);
+    EXPECT_EQ(numbers.refused, 0u);
+    EXPECT_EQ(numbers.containers.size(), 2u);
+    EXPECT_EQ(numbers.containers.count("feedbeef00112233"), 1u);
     ASSERT_TRUE(table_.Remove(root_ + "/etc/a", "r"));
     ASSERT_TRUE(table_.Remove(root_ + "//etc/b", "r"));
     EXPECT_EQ(table_.CoverageText().find("c0ffee012345"), std::string::npos);
@@ -328,11 +334,14 @@ TEST_F(RefusedWatchTest, ARefusedPathIsAGapUntilARetrySucceedsWithBackoffInBetwe
     EXPECT_EQ(Count("filenotify.watch.retried"), due);
     EXPECT_NE(table_.CoverageText().find("c0ffee012345 0/2"), std::string::npos)
         << table_.CoverageText();
+    EXPECT_EQ(table_.CoverageNumbers().refused, 2u);
 
     table_.Tick(refusedAt + 3 * kFirst, ticked_);
     EXPECT_EQ(table_.RefusedCount(), 0u);
     EXPECT_EQ(Count("filenotify.coverage.gap_closed"), closed + 1);
     EXPECT_NE(table_.CoverageText().find("c0ffee012345 2/2"), std::string::npos);
+    EXPECT_EQ(table_.CoverageNumbers().refused, 0u);
+    EXPECT_EQ(table_.CoverageNumbers().requested, 2u);
     // Nothing is reported for the retry itself; the file is watched from now on.
     Write(file, "e2e:x:5:5::/:/bin/false\n");
     const auto out = ReadUntil(1);

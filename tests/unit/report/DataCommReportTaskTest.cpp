@@ -167,4 +167,17 @@ TEST_F(DataCommModuleTest, WithoutAFileOutputNothingIsWrittenAndTheLossIsCounted
     EXPECT_NE(::access(sink_.c_str(), F_OK), 0);
 }
 
+TEST_F(DataCommModuleTest, AlarmsAreCountedByClassWithUnknownClassesAsOther) {
+    Start();
+    const uint64_t first = Count("report.alarms.class.dockerfile_001");
+    const uint64_t other = Count("report.alarms.class.other");
+    Send(R"({"event_classid":"dockerfile_001","n":1})");
+    Send(R"({"event_classid":"made_up_by_a_sender","n":2})");
+    Send(R"({"event_classid":7,"n":3})");
+    Send("not json");
+    ASSERT_TRUE(WaitUntil([&] { return Count("report.alarms.class.other") == other + 2; }));
+    EXPECT_EQ(Count("report.alarms.class.dockerfile_001"), first + 1);
+    EXPECT_EQ(Count("report.alarms.class.made_up_by_a_sender"), 0u);
+}
+
 }  // namespace

@@ -25,6 +25,8 @@ public:
     int Deliver(const std::string& name, std::shared_ptr<Message>& msg) const;
     /// Messages waiting in the named task's queue, or -1 when there is no such task.
     long Queued(const std::string& name) const;
+    /// Task name -> messages waiting in its queue, for every registered task.
+    std::map<std::string, std::size_t> QueueDepths() const;
     /// Messages waiting in one queue beyond which the task counts as congested (or half its
     /// capacity, when that is less): what a newcomer may find ahead of it stays short.
     static constexpr std::size_t kCongestedDepth = 64;

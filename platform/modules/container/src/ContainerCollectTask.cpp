@@ -7,6 +7,7 @@
 #include "container/ContainerModule.h"
 #include "framework/ContainerRegistry.h"
 #include "framework/DegradedCounter.h"
+#include "framework/Gauges.h"
 #include "framework/StartupGate.h"
 #include "sdk/ConfigUtils.h"
 #include "sdk/Log.h"
@@ -25,6 +26,8 @@ Framework::DegradedCounter gEventsDropped("container.events.dropped", kWarnInter
 Framework::DegradedCounter gInspectMalformed("container.inspect.malformed", kWarnIntervalMs);
 Framework::DegradedCounter gInspectFailed("container.inspect.failed", kWarnIntervalMs);
 Framework::DegradedCounter gListMalformed("container.list.malformed", kWarnIntervalMs);
+// Started, but gone before it could be looked at, so nobody protected it.
+Framework::DegradedCounter gGoneBeforeProtected("container.start.gone", kWarnIntervalMs);
 
 Poco::Logger* Log() { return ContainerModule::GetLoggerPtr(); }
 }  // namespace
@@ -41,6 +44,10 @@ int ContainerCollectTask::Init() {
     DockerEventStream::Callbacks callbacks;
     callbacks.onConnected = [this] { OnStreamConnected(); };
     callbacks.onEvent = [this](const ContainerEvent& e) { OnStreamEvent(e); };
+    callbacks.onDisconnected = [] {
+        Framework::Gauges::Instance().Set(Framework::GaugeNames::kEngineConnected, 0);
+    };
+    Framework::Gauges::Instance().Set(Framework::GaugeNames::kEngineConnected, 0);
     stream_.reset(new DockerEventStream(socketPath, std::move(callbacks)));
     stream_->Start();
     TW_LOG(Log(), PRIO_INFORMATION, "Docker monitor %s started on %s", name(), socketPath);
@@ -50,6 +57,7 @@ int ContainerCollectTask::Init() {
 void ContainerCollectTask::UnInit() {
     if (stream_) stream_->Stop();
     stream_.reset();
+    Framework::Gauges::Instance().Erase(Framework::GaugeNames::kEngineConnected);
     TW_LOG(Log(), PRIO_INFORMATION, "Docker monitor %s stopped (%z containers known)", name(),
            running_.size());
     Framework::Task::UnInit();
@@ -65,6 +73,7 @@ void ContainerCollectTask::OnTurn(uint64_t nowMs) {
 
 // Stream thread: must not block.
 void ContainerCollectTask::OnStreamConnected() {
+    Framework::Gauges::Instance().Set(Framework::GaugeNames::kEngineConnected, 1);
     resyncRequested_ = true;
     GetEventWaiter().Notify();
 }
@@ -125,10 +134,14 @@ void ContainerCollectTask::HandleStart(const std::string& id) {
     }
     ContainerInfo info;
     int pid = 0;
-    if (!Inspect(id, info, pid)) return;
+    bool gone = false;
+    if (!Inspect(id, info, pid, gone)) {
+        if (gone) CountGone(id);
+        return;
+    }
     if (!info.running) {
         // Gone again before we looked: its die event follows and is ignored likewise.
-        TW_LOG(Log(), PRIO_DEBUG, "Docker monitor: %s no longer runs", id);
+        CountGone(id);
         return;
     }
     running_[id] = info;
@@ -183,11 +196,19 @@ bool ContainerCollectTask::Resync() {
     return true;
 }
 
-bool ContainerCollectTask::Inspect(const std::string& id, ContainerInfo& info, int& pid) {
+void ContainerCollectTask::CountGone(const std::string& id) {
+    TW_DEGRADED(gGoneBeforeProtected, 1, Log(), PRIO_INFORMATION,
+                "Docker monitor: container %s exited before it could be protected", id);
+}
+
+bool ContainerCollectTask::Inspect(const std::string& id, ContainerInfo& info, int& pid,
+                                   bool& gone) {
     std::string body;
     std::string error;
     const int status = api_->Get("/containers/" + id + "/json", body, error);
     if (status == 200 && ParseContainerInspect(body, info, pid, error)) return true;
+    gone = status == 404;
+    if (gone) return false;  // removed already (docker run --rm): counted by the caller
     if (status != 200 && status > 0) error = "HTTP " + std::to_string(status);
     TW_DEGRADED(status == 200 ? gInspectMalformed : gInspectFailed, 1, Log(), PRIO_WARNING,
                 "Docker monitor dropped container %s: inspect failed: %s", id, error);

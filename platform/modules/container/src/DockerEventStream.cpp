@@ -155,9 +155,12 @@ bool DockerEventStream::FollowOnce() {
                    std::string(e.what()));
         }
     }
-    std::lock_guard<std::mutex> lock(mutex_);
-    haveSocket_ = false;
-    socket_ = Poco::Net::StreamSocket();
+    {
+        std::lock_guard<std::mutex> lock(mutex_);
+        haveSocket_ = false;
+        socket_ = Poco::Net::StreamSocket();
+    }
+    if (reading && callbacks_.onDisconnected) callbacks_.onDisconnected();
     return reading;
 }
 

@@ -2,6 +2,7 @@
 
 #include "filenotify/FileNotifyMessage.h"
 #include "framework/DegradedCounter.h"
+#include "framework/Gauges.h"
 #include "framework/StatusBoard.h"
 #include "sdk/Log.h"
 #include "sdk/LoggerUtils.h"
@@ -55,7 +56,17 @@ void FileNotifyTask::UnInit() {
     if (table_ && table_->IsOpen() && !readingPaused_) GetEventWaiter().RemoveFd(table_->Fd());
     table_.reset();
     Framework::StatusBoard::Instance().Erase(kCoverageStatus);
+    PublishCoverage(WatchTable::Coverage());
     Framework::Task::UnInit();
+}
+
+void FileNotifyTask::PublishCoverage(const WatchTable::Coverage& coverage) {
+    auto& gauges = Framework::Gauges::Instance();
+    gauges.Set(Framework::GaugeNames::kWatchesRequested, static_cast<int64_t>(coverage.requested));
+    gauges.Set(Framework::GaugeNames::kWatchesArmed,
+               static_cast<int64_t>(coverage.requested - coverage.refused));
+    gauges.Set(Framework::GaugeNames::kWatchesFailed, static_cast<int64_t>(coverage.refused));
+    gauges.SetContainers(kTaskName, coverage.containers);
 }
 
 int FileNotifyTask::NextWaitMs() { return pending_.Empty() ? kWaitMs : kRetryMs; }
@@ -68,6 +79,7 @@ void FileNotifyTask::OnTurn(uint64_t nowMs) {
     Dispatch();
     if (nowMs - publishedAtMs_ >= kPublishEveryMs) {
         Framework::StatusBoard::Instance().Set(kCoverageStatus, table_->CoverageText());
+        PublishCoverage(table_->CoverageNumbers());
         publishedAtMs_ = nowMs;
     }
 }

@@ -565,6 +565,19 @@ std::string WatchTable::CoverageText() const {
     return text;
 }
 
+WatchTable::Coverage WatchTable::CoverageNumbers() const {
+    Coverage coverage;
+    std::set<const WatchScope*> seen;
+    for (const auto& entry : nodes_) {
+        const WatchScope* scope = entry.second.scope.get();
+        if (!seen.insert(scope).second) continue;
+        coverage.requested += scope->requested;
+        coverage.refused += scope->refused;
+        if (scope->GetKind() != WatchScope::Kind::kHost) coverage.containers.insert(scope->Id());
+    }
+    return coverage;
+}
+
 void WatchTable::DropKernelWatch(int wd, std::vector<WatchNotification>& out) {
     auto it = users_.find(wd);
     if (it == users_.end()) return;

@@ -6,8 +6,11 @@
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
+#include <set>
 
+#include "framework/ContainerRegistry.h"
 #include "framework/DegradedCounter.h"
+#include "framework/Gauges.h"
 #include "framework/TaskCondition.h"
 #include "process_collect/AuditEventBuilder.h"
 #include "process_collect/AuditPathResolver.h"
@@ -205,6 +208,9 @@ void AuditTask::UnInit() {
     if (reader_.IsRunning()) GetEventWaiter().RemoveFd(reader_.WakeFd());
     reader_.Stop();
     client_.Close();
+    Framework::Gauges::Instance().Erase(Framework::GaugeNames::kAuditAvailable);
+    Framework::Gauges::Instance().Erase(Framework::GaugeNames::kAuditRules);
+    Framework::Gauges::Instance().SetContainers(kTaskName, {});
     TW_LOG(logger_, PRIO_INFORMATION, "Audit task stopped");
     Framework::Task::UnInit();
 }
@@ -230,6 +236,7 @@ void AuditTask::OnTurn(uint64_t nowMs) {
     if (nowMs - lastLostPollMs_ >= lostPollMs_) {
         lastLostPollMs_ = nowMs;
         PollLostCounter();
+        PublishGauges();
     }
     if (nowMs - lastRuleCheckMs_ >= ruleCheckMs_) {
         lastRuleCheckMs_ = nowMs;
@@ -263,10 +270,12 @@ void AuditTask::VerifyRules() {
 }
 
 void AuditTask::PollLostCounter() {
+    statusAnswered_ = false;
     if (!client_.IsOpen()) return;
     AuditRuleClient::Status status;
     std::string error;
     if (!client_.GetStatus(status, error)) return;
+    statusAnswered_ = true;
     if (lostKnown_ && status.lost > lastLost_) {
         const uint32_t lost = status.lost - lastLost_;
         TW_DEGRADED(gLost, lost, logger_, PRIO_WARNING,
@@ -275,6 +284,21 @@ void AuditTask::PollLostCounter() {
     }
     lastLost_ = status.lost;
     lostKnown_ = true;
+}
+
+void AuditTask::PublishGauges() const {
+    std::set<std::string> containers;
+    for (const auto& entry : rules_) {
+        Framework::ContainerRegistry::Entry container;
+        if (Framework::ContainerRegistry::Instance().Find(entry.rule.path, container)) {
+            containers.insert(container.id);
+        }
+    }
+    auto& gauges = Framework::Gauges::Instance();
+    gauges.Set(Framework::GaugeNames::kAuditAvailable,
+               reader_.IsRunning() && statusAnswered_ ? 1 : 0);
+    gauges.Set(Framework::GaugeNames::kAuditRules, static_cast<int64_t>(rules_.size()));
+    gauges.SetContainers(kTaskName, containers);
 }
 
 void AuditTask::OnRecordsWaiting() {

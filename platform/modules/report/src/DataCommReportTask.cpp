@@ -62,14 +62,23 @@ void DataCommReportTask::OnTurn(uint64_t) {
     for (auto& worker : workers_) worker->RequestReopen();
 }
 
-bool DataCommReportTask::IsJsonObject(const std::string& text) {
+std::string AlarmClass(const Json::Value& document) {
+    static const char* const kKnown[] = {"dockerfile_001", "dockerfile_002"};
+    const Json::Value& id = document["event_classid"];
+    if (!id.isString()) return "other";
+    for (const char* known : kKnown) {
+        if (id.asString() == known) return known;
+    }
+    return "other";
+}
+
+bool DataCommReportTask::ParseObject(const std::string& text, Json::Value& root) {
     if (!reader_) {
         Json::CharReaderBuilder builder;
         builder["collectComments"] = false;
         builder["stackLimit"] = kMaxJsonDepth;
         reader_.reset(builder.newCharReader());
     }
-    Json::Value root;
     std::string errors;
     try {
         return reader_->parse(text.data(), text.data() + text.size(), &root, &errors) &&
@@ -84,12 +93,14 @@ int DataCommReportTask::HandleMsg(const Framework::Message* msg) {
     if (data == nullptr) return 0;
     Framework::Counters::Instance().Add("report.alarms.received");
     const std::string line = ToSingleLine(data->GetData());
-    if (!IsJsonObject(line)) {
+    Json::Value root;
+    if (!ParseObject(line, root)) {
         TW_DEGRADED(gInvalid, 1, ReportLogger(), PRIO_ERROR,
                     "Alarm dropped: not a JSON object (%z bytes, starts '%s')", line.size(),
                     line.substr(0, 60));
         return 0;
     }
+    Framework::Counters::Instance().Add(std::string(kAlarmClassCounter) + "." + AlarmClass(root));
     if (workers_.empty()) gNoOutput.Add();
     for (auto& worker : workers_) worker->Offer(line);
     return 0;

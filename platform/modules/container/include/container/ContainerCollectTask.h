@@ -59,8 +59,10 @@ private:
     // Brings `running_` in line with the engine's list; false when the list was unavailable.
     bool Resync();
     // Inspects a container (and its first process's pid); false (logged, counted) when
-    // unavailable or malformed.
-    bool Inspect(const std::string& id, ContainerInfo& info, int& pid);
+    // unavailable or malformed, with `gone` set when the engine no longer knows it.
+    bool Inspect(const std::string& id, ContainerInfo& info, int& pid, bool& gone);
+    // A container that ended before anyone heard of its start: counted, told at info level.
+    static void CountGone(const std::string& id);
     void Announce(const std::shared_ptr<ContainerInfo>& info);
     void SendTo(const std::string& subscriber, const std::shared_ptr<ContainerInfo>& info);
     void SendDeferred();

@@ -24,6 +24,8 @@ public:
         /// The stream is open again: events from now on arrive; earlier ones may be lost.
         std::function<void()> onConnected;
         std::function<void(const ContainerEvent&)> onEvent;
+        /// A stream that was open has ended (engine gone, socket closed, stop).
+        std::function<void()> onDisconnected;
     };
 
     /// Longest event line taken; longer lines are skipped and counted.

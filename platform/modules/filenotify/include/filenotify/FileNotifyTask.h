@@ -56,6 +56,8 @@ protected:
     void OnTurn(uint64_t nowMs) override;
 
 private:
+    // Publishes the watch counts and the containers they cover as gauges.
+    static void PublishCoverage(const WatchTable::Coverage& coverage);
     using Source = std::pair<std::string, uint64_t>;  // (requester, extra parameter)
 
     void OnReadable();

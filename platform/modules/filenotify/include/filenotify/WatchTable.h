@@ -89,6 +89,13 @@ public:
     void Tick(uint64_t nowMs, std::vector<WatchNotification>& out);
     /// "<container> <watched>/<requested>" per container, blank-separated, after a total.
     std::string CoverageText() const;
+    struct Coverage {
+        std::size_t requested = 0;         ///< watched paths
+        std::size_t refused = 0;           ///< of which the kernel refused, waiting for a retry
+        std::set<std::string> containers;  ///< ids of the containers the paths belong to
+    };
+    /// The numbers behind CoverageText, for metrics and health.
+    Coverage CoverageNumbers() const;
 
     std::size_t PathCount() const { return nodes_.size(); }
     std::size_t KernelWatchCount() const { return users_.size(); }

@@ -80,6 +80,9 @@ private:
     void OnRecord(int type, const char* text, std::size_t len);
     void HandleJoined(std::vector<JoinedAuditEvent>& events);
     void PollLostCounter();
+    // Publishes whether audit works (events read, control answering), the rules in place and
+    // the containers they cover, as gauges.
+    void PublishGauges() const;
     void Deliver(std::unique_ptr<AuditEventMessage> event);
     void DeliverAll(std::vector<EventSettler::EventPtr>& events);
     void AddRule(const AuditFileSystemCtrlMessage& msg);
@@ -101,6 +104,7 @@ private:
     std::vector<RuleEntry> rules_;  // task thread, or control thread once the task thread ended
     uint32_t lastLost_ = 0;
     bool lostKnown_ = false;
+    bool statusAnswered_ = false;  // the last status request got an answer
     uint64_t lastLostPollMs_ = 0;
     uint64_t lastFlushMs_ = 0;
     uint64_t lostPollMs_ = 1000;

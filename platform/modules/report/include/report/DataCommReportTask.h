@@ -32,7 +32,8 @@ protected:
     void OnTurn(uint64_t nowMs) override;
 
 private:
-    bool IsJsonObject(const std::string& text);  // task thread only: reuses reader_
+    // Parses `text` into `root`; true when it is a JSON object. Task thread only: reuses reader_.
+    bool ParseObject(const std::string& text, Json::Value& root);
 
     std::unique_ptr<Json::CharReader> reader_;
     std::vector<std::unique_ptr<SinkWorker>> workers_;
@@ -41,5 +42,11 @@ private:
 /// One alarm document as one line: line breaks (whitespace in valid JSON) become spaces, so a
 /// reader of JSON Lines never sees a document split in two.
 std::string ToSingleLine(const std::string& document);
+
+/// The class an alarm is counted under: its "event_classid" when that is one of the classes the
+/// agent raises, "other" for anything else, so that a sender cannot grow the set of counters.
+std::string AlarmClass(const Json::Value& document);
+/// Counter prefix of the alarms received per class ("<prefix>.<class>").
+constexpr const char* kAlarmClassCounter = "report.alarms.class";
 
 }  // namespace Report
