@@ -54,7 +54,7 @@ docker commit "$PREFIX-base" "$IMAGE" >/dev/null
 docker rm -f "$PREFIX-base" >/dev/null
 
 sed 's/^status.interval_s *=.*//' "$TARNWICK_PREFIX/etc/agent.properties" > "$WORK/agent.properties"
-echo "status.interval_s = 2" >> "$WORK/agent.properties"
+echo "status.interval_s = 5" >> "$WORK/agent.properties"
 write_policy "$WORK/policy.d" tarnwick/busybox-bench true "${paths[@]}"
 AGENT_CONFIG=$WORK/agent.properties agent_start "$WORK"
 wait_for 10 grep -q "Policy .* delivered" "$WORK/agent.log" || true
@@ -70,18 +70,26 @@ for i in $(seq 1 "$N"); do
 done
 run_s=$((SECONDS - run_start))
 expected=$((N * FILES))
+# The log is rotated at 10 MB (agent.log.0 the newest archive, at most five): read it whole.
+whole_log() {
+  local i
+  for i in 4 3 2 1 0; do [ -f "$WORK/agent.log.$i" ] && cat "$WORK/agent.log.$i"; done
+  cat "$WORK/agent.log"
+}
 armed() {
-  [ "$(grep -c 'armed on the file' "$WORK/agent.log")" -ge "$expected" ] &&
+  [ "$(whole_log | grep -c 'armed on the file')" -ge "$expected" ] &&
     [ "$(audit_cid_rules)" -ge "$N" ]
 }
 wait_for 600 armed || echo "not every file and rule armed within 600 s" >&2
-wait_for 10 grep -q "Status filenotify.coverage: $expected/$expected" "$WORK/agent.log" || true
+wait_for 15 grep -q "Status filenotify.coverage: $expected/$expected" "$WORK/agent.log" || true
 rss_armed=$(rss_kb)
 watches_armed=$(inotify_watches)
 rules_armed=$(audit_cid_rules)
 coverage=$(grep "Status filenotify.coverage" "$WORK/agent.log" | tail -1 | sed 's/.*coverage: //; s/,.*//')
 docker ps -q --filter "name=$PREFIX-" | xargs docker inspect \
   -f '{{.Id}} {{.GraphDriver.Data.MergedDir}}' > "$WORK/roots"
+whole_log > "$WORK/whole.log"
+archives=$(find "$WORK" -maxdepth 1 -name 'agent.log.*' | wc -l)
 
 # Removal: everything the containers cost must go.
 remove_start=$EPOCHREALTIME
@@ -96,11 +104,11 @@ rss_after=$(rss_kb)
 
 python3 - "$WORK" "$N" "$FILES" "$run_s" "$coverage" "$rss_idle" "$rss_armed" "$rss_after" \
   "$watches_idle" "$watches_armed" "$watches_after" "$rules_armed" "$rules_after" \
-  "$remove_start" "$removed" "$gone" <<'PY'
+  "$remove_start" "$removed" "$gone" "$archives" <<'PY'
 import re, sys
 from datetime import datetime, timezone
 (work, n, files, run_s, coverage, rss_idle, rss_armed, rss_after, w_idle, w_armed, w_after,
- r_armed, r_after, rm0, rm1, gone) = sys.argv[1:]
+ r_armed, r_after, rm0, rm1, gone, archives) = sys.argv[1:]
 n, files = int(n), int(files)
 returned = {}
 for line in open(f"{work}/started"):
@@ -115,7 +123,7 @@ ruled = {}    # container id -> rule added
 armed_re = re.compile(r"^(\S+ \S+) .*File notify: watch on (\S+) armed on the file")
 rule_re = re.compile(r"^(\S+ \S+) .*Audit rule .* -k cid:([0-9a-f]{64}) added")
 by_root = {root: cid for cid, root in roots.items()}
-for line in open(f"{work}/agent.log"):
+for line in open(f"{work}/whole.log", errors="replace"):
     m = armed_re.match(line)
     if m:
         path = m.group(2)
@@ -138,7 +146,8 @@ def pct(q):
 rows = [
     ("containers x protected files", f"{n} x {files} (docker run -d one after another: {run_s} s)"),
     ("coverage (status line)", coverage),
-    ("containers fully armed (watches and rule)", f"{len(lat)}/{n}"),
+    ("containers fully armed (watches and rule)", f"{len(lat)}/{n}"
+     + (f" (log rotated {archives} times; at 5 the oldest lines are gone)" if archives != "0" else "")),
 ]
 if lat:
     rows.append(("arm latency, docker run returned -> armed",
