@@ -47,8 +47,7 @@ int main(int argc, char** argv) {
         rates.push_back(static_cast<double>(st.st_size) / took.count() / 1e6);
     }
     std::sort(rates.begin(), rates.end());
-    std::printf("sha256 %s\nbytes %lld runs %d best %.1f MB/s median %.1f MB/s\n",
-                digest.c_str(), static_cast<long long>(st.st_size), repeat, rates.back(),
-                rates[rates.size() / 2]);
+    std::printf("sha256 %s\nbytes %lld runs %d best %.1f MB/s median %.1f MB/s\n", digest.c_str(),
+                static_cast<long long>(st.st_size), repeat, rates.back(), rates[rates.size() / 2]);
     return 0;
 }
