@@ -2,7 +2,8 @@
 # Installs everything the agent needs to build, test, package and run on Debian 12 (run as
 # root). Idempotent: does nothing when every package is already there.
 #   --bench   also the queues the queue benchmark compares against (only the benchmark needs
-#             them; it builds without them and leaves those peers out)
+#             them; it builds without them and leaves those peers out), and the tools the
+#             end-to-end benchmarks measure against or with (inotifywait, perf)
 set -euo pipefail
 
 PACKAGES=(
@@ -18,7 +19,7 @@ PACKAGES=(
   # switched off again below.
   prometheus
 )
-BENCH_PACKAGES=(dpdk-dev librte-ring23 libconcurrentqueue-dev libboost-dev)
+BENCH_PACKAGES=(dpdk-dev librte-ring23 libconcurrentqueue-dev libboost-dev inotify-tools linux-perf)
 
 for arg in "$@"; do
   case "$arg" in
