@@ -3,10 +3,12 @@
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <atomic>
 #include <chrono>
+#include <ctime>
 #include <functional>
 #include <sstream>
 #include <string>
@@ -35,6 +37,18 @@ using TestSupport::Shell;
 using TestSupport::WaitUntil;
 
 constexpr const char* kRecorderName = "audit_test_recorder";
+
+// Runs `work` in a child forked now and waits for it: the child's pid, or -1 when the fork
+// failed or `work` returned false. `work` may only make system calls (no allocation: the
+// parent has threads).
+pid_t ForkAndWait(const std::function<bool()>& work) {
+    const pid_t child = ::fork();
+    if (child < 0) return -1;
+    if (child == 0) ::_exit(work() ? 0 : 1);
+    int status = 0;
+    if (::waitpid(child, &status, 0) != child) return -1;
+    return WIFEXITED(status) && WEXITSTATUS(status) == 0 ? child : -1;
+}
 
 std::string AuditRules() { return Shell::Run("auditctl -l 2>&1").out; }
 
@@ -173,15 +187,20 @@ TEST_F(AuditModuleTest, ExecutableWrittenUnderAWatchArrivesWhenItHasSettled) {
     const std::string image = FileText::Read("/bin/true");
     ASSERT_GT(image.size(), 1000u);
     const std::string file = root + "/tool";
-    const int fd = ::open(file.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0755);
-    ASSERT_GE(fd, 0);
     const std::size_t half = image.size() / 2;
-    ASSERT_EQ(static_cast<ssize_t>(half), ::write(fd, image.data(), half));
-    // A writer that pauses midway: the event must wait for the rest of the file.
-    std::this_thread::sleep_for(std::chrono::milliseconds(100));
-    ASSERT_EQ(static_cast<ssize_t>(image.size() - half),
-              ::write(fd, image.data() + half, image.size() - half));
-    ::close(fd);
+    // The writer is a process forked now: the kernel audits only processes forked after audit
+    // was first enabled since boot, and on a fresh machine the module enables it in this one.
+    const pid_t writer = ForkAndWait([&] {
+        const int fd = ::open(file.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0755);
+        if (fd < 0 || ::write(fd, image.data(), half) != static_cast<ssize_t>(half)) return false;
+        // A writer that pauses midway: the event must wait for the rest of the file.
+        const timespec pause{0, 100 * 1000 * 1000};
+        ::nanosleep(&pause, nullptr);
+        const std::size_t rest = image.size() - half;
+        const bool whole = ::write(fd, image.data() + half, rest) == static_cast<ssize_t>(rest);
+        return ::close(fd) == 0 && whole;
+    });
+    ASSERT_GT(writer, 0);
 
     Received got;
     const auto isOurs = [&](const Received& r) {
@@ -189,15 +208,15 @@ TEST_F(AuditModuleTest, ExecutableWrittenUnderAWatchArrivesWhenItHasSettled) {
     };
     ASSERT_TRUE(WaitUntil([&] { return recorder_->Find(isOurs, got); }));
     EXPECT_TRUE(got.syscall.write);
-    EXPECT_EQ(std::to_string(::getpid()), got.syscall.pid);
-    EXPECT_EQ(std::to_string(::getppid()), got.syscall.ppid);
-    std::string comm = FileText::Read("/proc/self/comm");
+    EXPECT_EQ(std::to_string(writer), got.syscall.pid);
+    EXPECT_EQ(std::to_string(::getpid()), got.syscall.ppid);
+    std::string comm = FileText::Read("/proc/self/comm");  // a forked child keeps its name
     while (!comm.empty() && comm.back() == '\n') comm.pop_back();
     EXPECT_EQ(comm, got.syscall.processName);
     EXPECT_EQ(static_cast<long long>(image.size()), got.sizeAtReceipt);
     EXPECT_EQ(1u, recorder_->Count(isOurs));
 
-    ::chmod(file.c_str(), 0700);
+    ASSERT_GT(ForkAndWait([&] { return ::chmod(file.c_str(), 0700) == 0; }), 0);
     ASSERT_TRUE(WaitUntil([&] {
         return recorder_->Find(
             [&](const Received& r) { return isOurs(r) && r.syscall.attr && !r.syscall.write; },

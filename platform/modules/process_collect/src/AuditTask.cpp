@@ -138,8 +138,12 @@ void AuditTask::SetUpAudit() {
     }
     if (status.enabled == 0) {
         if (client_.SetEnabled(1, error)) {
+            // The kernel gives a process its audit context when it forks: one forked while
+            // audit had never been on since boot is not audited, ever.
             TW_LOG(logger_, PRIO_WARNING,
-                   "Audit was disabled in the kernel; audit task enabled it");
+                   "Audit was disabled in the kernel; audit task enabled it. Processes started "
+                   "while it was off (containers too) may not be audited until they restart: "
+                   "boot with audit=1 to close that gap");
         } else {
             TW_LOG(logger_, PRIO_ERROR, "Audit is disabled and could not be enabled: %s", error);
         }
