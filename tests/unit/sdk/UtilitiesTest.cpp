@@ -7,10 +7,14 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <cctype>
 #include <cstdio>
 #include <cstdlib>
 #include <fstream>
+#include <set>
 #include <string>
+#include <thread>
+#include <vector>
 
 #include "sdk/CryptoCodeUtils.h"
 #include "sdk/FileUtils.h"
@@ -172,9 +176,33 @@ TEST(Logging, LevelNamesAndUuids) {
     EXPECT_EQ(SDK::LoggerUtils::ParseLevel("warning"), 4);
     EXPECT_EQ(SDK::LoggerUtils::ParseLevel("6"), 6);
     EXPECT_EQ(SDK::LoggerUtils::ParseLevel("loud"), -1);
-    const std::string a = SDK::CryptoCodeUtils::GenerateUUID();
-    EXPECT_EQ(a.size(), 36u);
-    EXPECT_NE(a, SDK::CryptoCodeUtils::GenerateUUID());
+}
+
+TEST(Uuids, ManyFromSeveralThreadsAreDistinctVersion4Texts) {
+    // Well past one thread's pool of random bytes, from two threads at once.
+    constexpr int kEach = 3000;
+    std::vector<std::string> first(kEach);
+    std::vector<std::string> second(kEach);
+    std::thread other([&] {
+        for (auto& id : second) id = SDK::CryptoCodeUtils::GenerateUUID();
+    });
+    for (auto& id : first) id = SDK::CryptoCodeUtils::GenerateUUID();
+    other.join();
+    std::set<std::string> seen(first.begin(), first.end());
+    seen.insert(second.begin(), second.end());
+    EXPECT_EQ(seen.size(), 2u * kEach);
+    for (const std::string& id : seen) {
+        ASSERT_EQ(id.size(), 36u) << id;
+        for (std::size_t i = 0; i < id.size(); ++i) {
+            const bool dash = i == 8 || i == 13 || i == 18 || i == 23;
+            ASSERT_EQ(id[i] == '-', dash) << id;
+            if (!dash) {
+                ASSERT_TRUE(std::isxdigit(static_cast<unsigned char>(id[i]))) << id;
+            }
+        }
+        ASSERT_EQ(id[14], '4') << id;                                          // version
+        ASSERT_NE(std::string("89ab").find(id[19]), std::string::npos) << id;  // variant
+    }
 }
 
 }  // namespace
