@@ -1,0 +1,65 @@
+// The agent's log file: records gathered and written in batches, never out of order, never
+// held back past a short delay, and written to the file they were logged for.
+#include <Poco/AutoPtr.h>
+#include <Poco/FileChannel.h>
+#include <Poco/Message.h>
+#include <gtest/gtest.h>
+#include <stdio.h>
+
+#include <string>
+#include <vector>
+
+#include "agent/ReopenableFileChannel.h"
+#include "support/Deadline.h"
+#include "support/FileText.h"
+#include "support/TempDir.h"
+
+namespace {
+
+using TestSupport::FileText;
+using TestSupport::WaitUntil;
+
+class ReopenableFileChannelTest : public ::testing::Test {
+protected:
+    void SetUp() override {
+        Poco::AutoPtr<Poco::FileChannel> file(new Poco::FileChannel(path_));
+        file->setProperty("flush", "true");
+        channel_ = new Agent::ReopenableFileChannel(file);
+        channel_->open();
+    }
+    void Log(const std::string& text, Poco::Message::Priority prio) {
+        channel_->log(Poco::Message("test", text, prio));
+    }
+
+    TestSupport::TempDir tmp_;
+    std::string path_ = tmp_.Path() + "/agent.log";
+    Poco::AutoPtr<Agent::ReopenableFileChannel> channel_;
+};
+
+TEST_F(ReopenableFileChannelTest, GatheredRecordsReachTheFileByThemselvesInOrder) {
+    for (int i = 0; i < 1000; ++i)
+        Log("info " + std::to_string(i), Poco::Message::PRIO_INFORMATION);
+    ASSERT_TRUE(WaitUntil([&] { return FileText::Lines(path_).size() == 1000; }));
+    const auto lines = FileText::Lines(path_);
+    for (int i = 0; i < 1000; ++i) ASSERT_EQ(lines[i], "info " + std::to_string(i));
+}
+
+TEST_F(ReopenableFileChannelTest, ANoticeIsWrittenAtOnceBehindWhatWasGathered) {
+    Log("first", Poco::Message::PRIO_DEBUG);
+    Log("second", Poco::Message::PRIO_INFORMATION);
+    Log("stopping", Poco::Message::PRIO_NOTICE);
+    // No wait: the notice and everything before it are in the file when log() returns.
+    EXPECT_EQ(FileText::Lines(path_), (std::vector<std::string>{"first", "second", "stopping"}));
+}
+
+TEST_F(ReopenableFileChannelTest, RecordsGatheredBeforeAReopenStayWithTheOldFile) {
+    Log("before rotation", Poco::Message::PRIO_INFORMATION);
+    ASSERT_EQ(::rename(path_.c_str(), (path_ + ".1").c_str()), 0);
+    std::string error;
+    ASSERT_TRUE(channel_->Reopen(error)) << error;
+    Log("after rotation", Poco::Message::PRIO_WARNING);
+    EXPECT_EQ(FileText::Lines(path_ + ".1"), std::vector<std::string>{"before rotation"});
+    EXPECT_EQ(FileText::Lines(path_), std::vector<std::string>{"after rotation"});
+}
+
+}  // namespace
