@@ -44,6 +44,11 @@ void EventWaiter::RemoveFd(int fd) {
 
 void EventWaiter::Notify() {
     if (eventFd_ < 0) return;
+    // Orders the caller's enqueue before the flag is read; pairs with the fence in
+    // WaitAndHandleEvent, so either this call writes the eventfd or the drain that follows the
+    // waiter's reset sees the message.
+    std::atomic_thread_fence(std::memory_order_seq_cst);
+    if (signalled_.exchange(true)) return;
     const uint64_t one = 1;
     // EAGAIN means the counter is saturated, which still reads as "signalled".
     ssize_t rc;
@@ -55,7 +60,9 @@ void EventWaiter::Notify() {
 int EventWaiter::WaitAndHandleEvent(int timeoutMs, int maxEvents) {
     if (!IsValid()) return 0;
     if (maxEvents <= 0) maxEvents = 1;
-    std::vector<struct epoll_event> events(static_cast<size_t>(maxEvents));
+    if (ready_.size() < static_cast<size_t>(maxEvents))
+        ready_.resize(static_cast<size_t>(maxEvents));
+    std::vector<struct epoll_event>& events = ready_;
     const int n = epoll_wait(epollFd_, events.data(), maxEvents, timeoutMs);
     if (n <= 0) return 0;
     bool messages = false;
@@ -68,6 +75,8 @@ int EventWaiter::WaitAndHandleEvent(int timeoutMs, int maxEvents) {
             uint64_t value = 0;
             while (read(eventFd_, &value, sizeof(value)) < 0 && errno == EINTR) {
             }
+            signalled_.store(false);
+            std::atomic_thread_fence(std::memory_order_seq_cst);
             messages = true;
             continue;
         }

@@ -2,6 +2,8 @@
 
 #include <chrono>
 
+#include "framework/Task.h"
+
 namespace Framework {
 
 void IdleBarrier::State::Reach() {
@@ -17,7 +19,9 @@ bool IdleBarrier::State::WaitFor(int timeoutMs) {
     return cv_.wait_for(lock, std::chrono::milliseconds(timeoutMs), [this] { return reached_; });
 }
 
-int IdleBarrier::MessageHandle(void*) {
+int IdleBarrier::MessageHandle(void* task) {
+    // Work the task gathered from the messages before this one is part of what it handled.
+    if (task != nullptr) static_cast<Task*>(task)->OnBatchEnd();
     state_->Reach();
     return 0;
 }

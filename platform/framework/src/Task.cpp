@@ -83,6 +83,8 @@ int Task::NextWaitMs() { return loop_.waitMs; }
 
 void Task::OnTurn(uint64_t) {}
 
+void Task::OnBatchEnd() {}
+
 namespace {
 // Queues a barrier through `offer` (0 queued, 1 no such task, 2 full) and waits for the task
 // to reach it. A full queue is being drained: the barrier is offered again until it fits.
@@ -191,6 +193,7 @@ int Task::BulkConsumeMsg(int maxCount) {
         }
         msg.reset();  // release each message as soon as it was handled
     }
+    if (n > 0) OnBatchEnd();
     // A full batch may have left more behind: make the next wait return at once.
     if (n == maxCount) waiter_.Notify();
     return n;

@@ -204,6 +204,26 @@ TEST_F(FrameworkDelivery, AnIdleTaskIsWokenAtOnceNotAtItsTimeout) {
     EXPECT_LT(Clock::now() - sent, std::chrono::seconds(5));
 }
 
+TEST_F(FrameworkDelivery, RacingSendersNeverLeaveAMessageWaitingForTheTimeout) {
+    // Only the first send after the receiver took its signal writes the eventfd; a lost race
+    // there would leave the last messages of a round until the receiver's 10 s timeout.
+    RecordingTask* sender = Start("fw_racer", 16, 50);
+    RecordingTask* receiver = Start("fw_race_target", 4096, 10000);
+    std::size_t expected = 0;
+    for (int round = 0; round < 300; ++round) {
+        const int each = 1 + round % 4;
+        auto send = [&] {
+            for (int i = 0; i < each; ++i) sender->SendDirectMsg("fw_race_target", new Probe(i));
+        };
+        std::thread other(send);
+        send();
+        other.join();
+        expected += static_cast<std::size_t>(2 * each);
+        ASSERT_TRUE(receiver->WaitForCount(expected, std::chrono::seconds(3)))
+            << "round " << round << ": a message waited for the timeout";
+    }
+}
+
 TEST_F(FrameworkDelivery, ATaskStoppedRightAfterItsStartStopsPromptly) {
     for (int i = 0; i < 20; ++i) {
         const std::string name = "fw_brief" + std::to_string(i);

@@ -1,10 +1,14 @@
 #pragma once
 
+#include <sys/epoll.h>
+
+#include <atomic>
 #include <cstdint>
 #include <functional>
 #include <map>
 #include <memory>
 #include <mutex>
+#include <vector>
 
 namespace Framework {
 
@@ -27,6 +31,8 @@ public:
     bool AddFd(int fd, Handler handler, uint32_t events = 0x001 /* EPOLLIN */);
     void RemoveFd(int fd);
     /// Signals that the message queue has work: the current or next wait returns -1 at once.
+    /// Call it after the message is queued. Only the first Notify after a wait took the signal
+    /// writes the eventfd; the rest find it pending and cost no system call.
     void Notify();
 
     /// Waits at most timeoutMs for fd events or a Notify, runs the handlers of ready fds (at
@@ -38,6 +44,9 @@ private:
     int epollFd_ = -1;
     int eventFd_ = -1;
     std::map<int, std::shared_ptr<Handler>> handlers_;  // task thread only
+    std::vector<struct epoll_event> ready_;             // task thread only
+    // True from the Notify that wrote the eventfd until the waiter has read it back.
+    std::atomic<bool> signalled_{false};
 };
 
 }  // namespace Framework

@@ -120,6 +120,13 @@ protected:
     /// Periodic work after each wait (retries, timers, flushing held messages). Task thread.
     virtual void OnTurn(uint64_t nowMs);
 
+public:
+    /// Called on the task thread after each batch of messages was handled, and before an idle
+    /// barrier is reached: a task that gathers work across a batch (one write for many
+    /// messages) finishes it here, so that "idle" still means "all of it done".
+    virtual void OnBatchEnd();
+
+protected:
 private:
     void CountUnknownTask(const Message& msg, const std::string& taskName);
 
