@@ -13,6 +13,7 @@
 #include "framework/Counters.h"
 #include "framework/DataMessage.h"
 #include "framework/Module.h"
+#include "report/AlarmDocument.h"
 #include "report/DataCommModule.h"
 #include "report/DataCommReportTask.h"
 #include "sdk/ConfigUtils.h"
@@ -178,6 +179,34 @@ TEST_F(DataCommModuleTest, AlarmsAreCountedByClassWithUnknownClassesAsOther) {
     ASSERT_TRUE(WaitUntil([&] { return Count("report.alarms.class.other") == other + 2; }));
     EXPECT_EQ(Count("report.alarms.class.dockerfile_001"), first + 1);
     EXPECT_EQ(Count("report.alarms.class.made_up_by_a_sender"), 0u);
+}
+
+TEST(AlarmDocument, OnlyOneStrictJsonObjectPassesAndOnlyItsOwnClassCounts) {
+    struct Case {
+        std::string text;
+        bool valid;
+        std::string alarmClass;
+    };
+    const std::string deep = std::string(100, '[') + std::string(100, ']');
+    const Case cases[] = {
+        {R"({"event_classid":"dockerfile_002","file_info":[{"a":1}]})", true, "dockerfile_002"},
+        {R"({"resource_info":{"event_classid":"dockerfile_001"}})", true, "other"},
+        {R"({"event_classid":["dockerfile_001"]})", true, "other"},
+        {R"({"event_classid":"dockerfile_001"} {"x":1})", false, ""},
+        {R"({"event_classid":"dockerfile_001",})", false, ""},
+        {"{/* note */\"a\":1}", false, ""},
+        {"{\"a\":\"tab\there\"}", false, ""},  // a raw control character in a string
+        {R"(["dockerfile_001"])", false, ""},
+        {"{\"a\":" + deep + "}", false, ""},
+        {"", false, ""},
+    };
+    for (const Case& c : cases) {
+        std::string alarmClass;
+        EXPECT_EQ(Report::ReadAlarmClass(c.text, alarmClass), c.valid) << c.text;
+        if (c.valid) {
+            EXPECT_EQ(alarmClass, c.alarmClass) << c.text;
+        }
+    }
 }
 
 }  // namespace

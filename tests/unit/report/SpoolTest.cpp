@@ -160,6 +160,32 @@ TEST_F(SpoolTest, ABoundIsKeptAndRoomComesBackAsLinesAreDelivered) {
     EXPECT_EQ(spool->Append(Doc(1000, 100)), Spool::AppendResult::kOk);
 }
 
+TEST_F(SpoolTest, ABatchKeepsEachLineThatFitsInOrderAndRefusesTheRestOneByOne) {
+    auto spool = OpenSpool(4096);
+    // The third line alone is past the bound; the ones after it still fit.
+    const std::vector<std::string> batch = {Doc(0, 100), Doc(1, 100), Doc(2, 5000), Doc(3, 100)};
+    const Spool::BatchResult result = spool->AppendBatch(batch);
+    EXPECT_EQ(result.kept, 3u);
+    EXPECT_EQ(result.overflow, 1u);
+    EXPECT_EQ(result.failed, 0u);
+    EXPECT_EQ(DrainAll(*spool, 10), (std::vector<std::string>{batch[0], batch[1], batch[3]}));
+}
+
+TEST_F(SpoolTest, ABatchTheDiskCutsShortLeavesNoPartOfItBehind) {
+    auto spool = OpenSpool();
+    ASSERT_EQ(spool->Append(Doc(0)), Spool::AppendResult::kOk);
+    std::vector<std::string> batch;
+    for (int i = 1; i <= 50; ++i) batch.push_back(Doc(i, 100));
+    {
+        ReportTest::FileSizeCap cap(2048);  // room for some of the batch, not all of it
+        const Spool::BatchResult result = spool->AppendBatch(batch);
+        EXPECT_EQ(result.kept, 0u);
+        EXPECT_EQ(result.failed, batch.size());
+    }
+    ASSERT_EQ(spool->Append(Doc(51)), Spool::AppendResult::kOk);
+    EXPECT_EQ(DrainAll(*spool, 100), (std::vector<std::string>{Doc(0), Doc(51)}));
+}
+
 TEST_F(SpoolTest, APartialLineLeftByACrashIsCutAtOpen) {
     {
         auto spool = OpenSpool();

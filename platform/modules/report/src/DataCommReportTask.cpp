@@ -1,10 +1,12 @@
 #include "report/DataCommReportTask.h"
 
-#include <json/json.h>
+#include <atomic>
+#include <cstdint>
 
 #include "framework/Counters.h"
 #include "framework/DataMessage.h"
 #include "framework/DegradedCounter.h"
+#include "report/AlarmDocument.h"
 #include "report/ReopenSignal.h"
 #include "report/ReportLog.h"
 #include "sdk/Log.h"
@@ -15,7 +17,6 @@ namespace {
 constexpr unsigned int kQueueCapacity = 4096;
 constexpr int kWaitMs = 200;  // bounds how late a SIGHUP reopen happens
 constexpr int kBulk = 256;
-constexpr int kMaxJsonDepth = 64;
 
 Framework::DegradedCounter gInvalid("report.alarms.invalid", 10000);
 Framework::DegradedCounter gNoOutput("report.alarms.no_output");
@@ -62,48 +63,44 @@ void DataCommReportTask::OnTurn(uint64_t) {
     for (auto& worker : workers_) worker->RequestReopen();
 }
 
-std::string AlarmClass(const Json::Value& document) {
-    static const char* const kKnown[] = {"dockerfile_001", "dockerfile_002"};
-    const Json::Value& id = document["event_classid"];
-    if (!id.isString()) return "other";
-    for (const char* known : kKnown) {
-        if (id.asString() == known) return known;
-    }
-    return "other";
+namespace {
+std::atomic<uint64_t>& ClassCounter(const std::string& alarmClass) {
+    static std::atomic<uint64_t>& first =
+        Framework::Counters::Instance().Get(std::string(kAlarmClassCounter) + ".dockerfile_001");
+    static std::atomic<uint64_t>& second =
+        Framework::Counters::Instance().Get(std::string(kAlarmClassCounter) + ".dockerfile_002");
+    static std::atomic<uint64_t>& other =
+        Framework::Counters::Instance().Get(std::string(kAlarmClassCounter) + ".other");
+    if (alarmClass == "dockerfile_001") return first;
+    if (alarmClass == "dockerfile_002") return second;
+    return other;
 }
-
-bool DataCommReportTask::ParseObject(const std::string& text, Json::Value& root) {
-    if (!reader_) {
-        Json::CharReaderBuilder builder;
-        builder["collectComments"] = false;
-        builder["stackLimit"] = kMaxJsonDepth;
-        reader_.reset(builder.newCharReader());
-    }
-    std::string errors;
-    try {
-        return reader_->parse(text.data(), text.data() + text.size(), &root, &errors) &&
-               root.isObject();
-    } catch (const std::exception&) {
-        return false;  // nested deeper than the stack limit
-    }
-}
+}  // namespace
 
 int DataCommReportTask::HandleMsg(const Framework::Message* msg) {
     const auto* data = dynamic_cast<const Framework::DataMessage*>(msg);
     if (data == nullptr) return 0;
-    Framework::Counters::Instance().Add("report.alarms.received");
-    const std::string line = ToSingleLine(data->GetData());
-    Json::Value root;
-    if (!ParseObject(line, root)) {
+    static std::atomic<uint64_t>& received =
+        Framework::Counters::Instance().Get("report.alarms.received");
+    received.fetch_add(1);
+    std::string line = ToSingleLine(data->GetData());
+    std::string alarmClass;
+    if (!ReadAlarmClass(line, alarmClass)) {
         TW_DEGRADED(gInvalid, 1, ReportLogger(), PRIO_ERROR,
                     "Alarm dropped: not a JSON object (%z bytes, starts '%s')", line.size(),
                     line.substr(0, 60));
         return 0;
     }
-    Framework::Counters::Instance().Add(std::string(kAlarmClassCounter) + "." + AlarmClass(root));
-    if (workers_.empty()) gNoOutput.Add();
-    for (auto& worker : workers_) worker->Offer(line);
+    ClassCounter(alarmClass).fetch_add(1);
+    gathered_.push_back(std::move(line));
     return 0;
+}
+
+void DataCommReportTask::OnBatchEnd() {
+    if (gathered_.empty()) return;
+    if (workers_.empty()) gNoOutput.Add(gathered_.size());
+    for (auto& worker : workers_) worker->Offer(gathered_);
+    gathered_.clear();
 }
 
 }  // namespace Report

@@ -52,25 +52,28 @@ void SinkWorker::Start() {
 std::string SinkWorker::Counter(const char* what) const { return CounterName(*sink_, what); }
 
 bool SinkWorker::Offer(const std::string& line) {
-    const Spool::AppendResult result = spool_->Append(line);
-    if (result == Spool::AppendResult::kOverflow) {
-        TW_DEGRADED(overflow_, 1, ReportLogger(), PRIO_ERROR,
-                    "Alarm output %s: alarm lost (spool.overflow): spool %s is full", sink_->Name(),
-                    spool_->Dir());
-        return false;
+    return Offer(std::vector<std::string>{line}) == 1;
+}
+
+std::size_t SinkWorker::Offer(const std::vector<std::string>& lines) {
+    const Spool::BatchResult result = spool_->AppendBatch(lines);
+    if (result.overflow > 0) {
+        TW_DEGRADED(overflow_, result.overflow, ReportLogger(), PRIO_ERROR,
+                    "Alarm output %s: %z alarms lost (spool.overflow): spool %s is full",
+                    sink_->Name(), result.overflow, spool_->Dir());
     }
-    if (result == Spool::AppendResult::kFailed) {
-        TW_DEGRADED(spoolFailed_, 1, ReportLogger(), PRIO_ERROR,
-                    "Alarm output %s: alarm lost (spool.failed): %s", sink_->Name(),
-                    spool_->LastError());
-        return false;
+    if (result.failed > 0) {
+        TW_DEGRADED(spoolFailed_, result.failed, ReportLogger(), PRIO_ERROR,
+                    "Alarm output %s: %z alarms lost (spool.failed): %s", sink_->Name(),
+                    result.failed, spool_->LastError());
     }
+    if (result.kept == 0) return 0;
     {
         std::lock_guard<std::mutex> lock(wakeMutex_);
         wake_ = true;
     }
     wakeCv_.notify_one();
-    return true;
+    return result.kept;
 }
 
 // What waits for this output, next to the loss counters in the agent's status line.
@@ -91,10 +94,12 @@ void SinkWorker::RequestReopen() {
     wakeCv_.notify_one();
 }
 
-void SinkWorker::Wait(int ms) {
+bool SinkWorker::Wait(int ms) {
     std::unique_lock<std::mutex> lock(wakeMutex_);
-    wakeCv_.wait_for(lock, std::chrono::milliseconds(ms), [this] { return wake_ || stop_; });
+    const bool woken =
+        wakeCv_.wait_for(lock, std::chrono::milliseconds(ms), [this] { return wake_ || stop_; });
     wake_ = false;
+    return woken;
 }
 
 bool SinkWorker::WaitForStop(int ms) {
@@ -140,8 +145,10 @@ void SinkWorker::Loop() {
         if (backoffMs_ > 0 && WaitForStop(backoffMs_)) break;
         if (spool_->Empty()) {
             UpdateSpoolGauge();
-            spool_->SaveCursorIfDirty();
-            Wait(Sink::kPollMs);
+            // The read position is recorded once the output has been idle for a poll, not each
+            // time a storm's latest batch has been taken (Commit records it at least every
+            // kCursorSaveEvery meanwhile): a rename per batch cost more than the delivery.
+            if (!Wait(Sink::kPollMs)) spool_->SaveCursorIfDirty();
             continue;
         }
         std::string error;

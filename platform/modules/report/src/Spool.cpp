@@ -217,40 +217,62 @@ std::string Spool::LastError() const {
 }
 
 Spool::AppendResult Spool::Append(const std::string& line) {
-    std::lock_guard<std::mutex> lock(mutex_);
-    if (segments_.empty()) {
-        if (lastError_.empty()) lastError_ = "spool " + dir_ + " is not open";
-        return AppendResult::kFailed;
-    }
-    const uint64_t needed = line.size() + 1;
-    if (line.size() > kMaxLineBytes || PendingLocked() + read_.offset + needed > maxBytes_) {
-        return AppendResult::kOverflow;
-    }
+    const BatchResult result = AppendBatch({line});
+    if (result.kept == 1) return AppendResult::kOk;
+    return result.overflow == 1 ? AppendResult::kOverflow : AppendResult::kFailed;
+}
+
+// The segment that takes appends, a new one when the last is full; false with lastError_ set.
+bool Spool::ReadyTail() {
+    std::string error;
     if (segments_.back().size >= segmentBytes_) {
         segments_.push_back({segments_.back().seq + 1, 0});
-        std::string error;
         if (!OpenTail(error)) {
             segments_.pop_back();
             lastError_ = error;
             OpenTail(error);
-            return AppendResult::kFailed;
+            return false;
         }
     }
-    if (tailFd_ < 0) {
-        std::string error;
-        if (!OpenTail(error)) {
-            lastError_ = error;
-            return AppendResult::kFailed;
-        }
+    if (tailFd_ < 0 && !OpenTail(error)) {
+        lastError_ = error;
+        return false;
+    }
+    return true;
+}
+
+Spool::BatchResult Spool::AppendBatch(const std::vector<std::string>& lines) {
+    std::lock_guard<std::mutex> lock(mutex_);
+    BatchResult result;
+    if (segments_.empty()) {
+        if (lastError_.empty()) lastError_ = "spool " + dir_ + " is not open";
+        result.failed = lines.size();
+        return result;
     }
     std::string record;
-    record.reserve(needed);
-    record.append(line).push_back('\n');
+    uint64_t used = PendingLocked() + read_.offset;
+    std::size_t carried = 0;
+    for (const std::string& line : lines) {
+        const uint64_t needed = line.size() + 1;
+        if (line.size() > kMaxLineBytes || used + needed > maxBytes_) {
+            ++result.overflow;
+            continue;
+        }
+        record.append(line).push_back('\n');
+        used += needed;
+        ++carried;
+    }
+    if (carried == 0) return result;
+    if (!ReadyTail()) {
+        result.failed = carried;
+        return result;
+    }
     Segment& tail = segments_.back();
     const ssize_t n = ::write(tailFd_, record.data(), record.size());
     if (n == static_cast<ssize_t>(record.size())) {
-        tail.size += needed;
-        return AppendResult::kOk;
+        tail.size += record.size();
+        result.kept = carried;
+        return result;
     }
     lastError_ = n < 0 ? ErrnoText("cannot append to " + SegmentPath(tail.seq))
                        : "short write to " + SegmentPath(tail.seq) + " (disk full?)";
@@ -258,7 +280,8 @@ Spool::AppendResult Spool::Append(const std::string& line) {
     if (n > 0 && ::ftruncate(tailFd_, static_cast<off_t>(tail.size)) != 0) {
         lastError_ += "; " + ErrnoText("cannot cut the partial line");
     }
-    return AppendResult::kFailed;
+    result.failed = carried;
+    return result;
 }
 
 // Reads the line at `at` into `line`, moving `at` past it; false when no whole line is there.

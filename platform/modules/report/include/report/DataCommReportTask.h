@@ -1,7 +1,5 @@
 #pragma once
 
-#include <json/json.h>
-
 #include <memory>
 #include <string>
 #include <vector>
@@ -25,17 +23,18 @@ public:
 
     int Init() override;
     void UnInit() override;
+    /// Checks and counts an alarm; it is spooled with the rest of its batch.
     int HandleMsg(const Framework::Message* msg) override;
+    /// Spools the alarms of the batch just handled: one write per output, one wake-up of
+    /// each output's thread.
+    void OnBatchEnd() override;
 
 protected:
     /// Passes a SIGHUP reopen request on to every output.
     void OnTurn(uint64_t nowMs) override;
 
 private:
-    // Parses `text` into `root`; true when it is a JSON object. Task thread only: reuses reader_.
-    bool ParseObject(const std::string& text, Json::Value& root);
-
-    std::unique_ptr<Json::CharReader> reader_;
+    std::vector<std::string> gathered_;  // checked alarms of the current batch; task thread
     std::vector<std::unique_ptr<SinkWorker>> workers_;
 };
 
@@ -43,9 +42,6 @@ private:
 /// reader of JSON Lines never sees a document split in two.
 std::string ToSingleLine(const std::string& document);
 
-/// The class an alarm is counted under: its "event_classid" when that is one of the classes the
-/// agent raises, "other" for anything else, so that a sender cannot grow the set of counters.
-std::string AlarmClass(const Json::Value& document);
 /// Counter prefix of the alarms received per class ("<prefix>.<class>").
 constexpr const char* kAlarmClassCounter = "report.alarms.class";
 

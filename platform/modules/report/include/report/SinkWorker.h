@@ -7,6 +7,7 @@
 #include <mutex>
 #include <string>
 #include <thread>
+#include <vector>
 
 #include "framework/DegradedCounter.h"
 #include "report/Sink.h"
@@ -33,6 +34,8 @@ public:
     void Start();
     /// Spools one alarm (report task's thread); never waits on the sink. false if it was lost.
     bool Offer(const std::string& line);
+    /// Spools alarms in order with one write and one wake-up of the worker; how many were kept.
+    std::size_t Offer(const std::vector<std::string>& lines);
     /// Forwards a reopen request (SIGHUP) to the sink.
     void RequestReopen();
 
@@ -42,8 +45,8 @@ public:
 private:
     void Loop();
     bool DeliverOnce(std::string& error);  // false when the sink failed
-    void Wait(int ms);
-    bool WaitForStop(int ms);  // true when stopping
+    bool Wait(int ms);                     // true when woken before the time was up
+    bool WaitForStop(int ms);              // true when stopping
     void UpdateSpoolGauge();
     std::string Counter(const char* what) const;
 

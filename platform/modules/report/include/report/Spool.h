@@ -35,12 +35,22 @@ public:
     /// is not kept; kFailed: the disk refused it (error in LastError()).
     AppendResult Append(const std::string& line);
 
+    /// What became of the lines of one AppendBatch.
+    struct BatchResult {
+        std::size_t kept = 0;
+        std::size_t overflow = 0;  // not kept: the bound would have been exceeded
+        std::size_t failed = 0;    // not kept: the disk refused them
+    };
+    /// Appends lines in order with one write: each line is kept, or refused as Append would
+    /// refuse it alone; a failed write keeps none of those it carried.
+    BatchResult AppendBatch(const std::vector<std::string>& lines);
+
     /// Up to maxLines lines from the read position, at least one if any is there, about maxBytes
     /// in all. Adds the number of corrupt lines it skipped to `corrupt`.
     std::vector<std::string> Peek(std::size_t maxLines, std::size_t maxBytes, uint64_t& corrupt);
     /// Moves the read position past the first `lines` lines of the last Peek. It is recorded on
-    /// disk at most kCursorSaveEvery later (at once when the spool was emptied), so a crash may
-    /// deliver the last lines again but never skips one.
+    /// disk at most kCursorSaveEvery later, or by SaveCursorIfDirty, so a crash may deliver the
+    /// last lines again but never skips one.
     void Commit(std::size_t lines);
     /// Records a read position not yet on disk (the worker calls it when idle).
     void SaveCursorIfDirty();
@@ -68,6 +78,7 @@ private:
     bool Recover(std::string& error);
     bool CutPartialTail();
     bool OpenTail(std::string& error);
+    bool ReadyTail();
     void CloseFd(int& fd);
     void AdvanceTo(const Position& to);
     void SaveCursor();
