@@ -1,5 +1,7 @@
 #include "sdk/JsonUtils.h"
 
+#include <charconv>
+#include <cstdint>
 #include <cstring>
 #include <exception>
 #include <memory>
@@ -7,13 +9,10 @@
 namespace SDK {
 
 namespace {
-const char kReplacement[] = "\xEF\xBF\xBD";  // U+FFFD
-
-// Length of the well-formed UTF-8 sequence at `i` (no overlong forms, no surrogates, nothing
+// Length of the well-formed UTF-8 sequence at `p` (no overlong forms, no surrogates, nothing
 // above U+10FFFF), 0 when there is none.
-std::size_t Utf8SequenceAt(const std::string& text, std::size_t i) {
-    const auto byte = [&text](std::size_t at) { return static_cast<unsigned char>(text[at]); };
-    const unsigned char lead = byte(i);
+std::size_t Utf8SequenceAt(const unsigned char* p, const unsigned char* end) {
+    const unsigned char lead = *p;
     if (lead < 0x80) return 1;
     std::size_t length = 0;
     unsigned char low = 0x80;
@@ -31,69 +30,216 @@ std::size_t Utf8SequenceAt(const std::string& text, std::size_t i) {
     } else {
         return 0;
     }
-    if (text.size() - i < length) return 0;
-    if (byte(i + 1) < low || byte(i + 1) > high) return 0;
+    if (static_cast<std::size_t>(end - p) < length) return 0;
+    if (p[1] < low || p[1] > high) return 0;
     for (std::size_t k = 2; k < length; ++k) {
-        if (byte(i + k) < 0x80 || byte(i + k) > 0xBF) return 0;
+        if (p[k] < 0x80 || p[k] > 0xBF) return 0;
     }
     return length;
 }
 
-// File names and other text from containers need not be UTF-8. JsonCpp escapes such bytes as if
-// they were, and so writes a different, plausible character (or a lone surrogate) instead; an
-// alarm must rather show plainly that a byte could not be written: U+FFFD for each of them.
-std::string ValidUtf8(const std::string& text) {
-    std::string out;
-    for (std::size_t i = 0; i < text.size();) {
-        const std::size_t length = Utf8SequenceAt(text, i);
-        if (length == 0) {
-            out += kReplacement;
-            ++i;
-            continue;
-        }
-        out.append(text, i, length);
-        i += length;
-    }
-    return out;
+uint32_t DecodeUtf8(const unsigned char* p, std::size_t length) {
+    static const unsigned char kLeadBits[] = {0, 0x7F, 0x1F, 0x0F, 0x07};
+    uint32_t codepoint = p[0] & kLeadBits[length];
+    for (std::size_t k = 1; k < length; ++k) codepoint = (codepoint << 6) | (p[k] & 0x3F);
+    return codepoint;
 }
 
-bool IsValidUtf8(const std::string& text) {
-    for (std::size_t i = 0; i < text.size();) {
-        const std::size_t length = Utf8SequenceAt(text, i);
+void AppendUnicodeEscape(std::string& out, uint32_t unit) {
+    static const char kHex[] = "0123456789abcdef";
+    const char escape[6] = {'\\',
+                            'u',
+                            kHex[(unit >> 12) & 0xF],
+                            kHex[(unit >> 8) & 0xF],
+                            kHex[(unit >> 4) & 0xF],
+                            kHex[unit & 0xF]};
+    out.append(escape, sizeof(escape));
+}
+
+void AppendCodepoint(std::string& out, uint32_t codepoint) {
+    if (codepoint < 0x10000) {
+        AppendUnicodeEscape(out, codepoint);
+        return;
+    }
+    AppendUnicodeEscape(out, 0xD800 + ((codepoint - 0x10000) >> 10));
+    AppendUnicodeEscape(out, 0xDC00 + ((codepoint - 0x10000) & 0x3FF));
+}
+
+// A JSON string of ASCII only, escaped the way JsonCpp escapes (control characters and
+// everything beyond ASCII as \u escapes, surrogate pairs above U+FFFF). File names and other
+// text from containers need not be UTF-8; JsonCpp would escape such bytes as if they were and
+// so write a different, plausible character instead: an alarm must rather show plainly that a
+// byte could not be written, as U+FFFD.
+void AppendQuoted(std::string& out, const char* text, const char* textEnd) {
+    const auto* p = reinterpret_cast<const unsigned char*>(text);
+    const auto* end = reinterpret_cast<const unsigned char*>(textEnd);
+    out += '"';
+    const unsigned char* plain = p;  // start of bytes copied as they are
+    while (p < end) {
+        const unsigned char c = *p;
+        if (c >= 0x20 && c < 0x80 && c != '"' && c != '\\') {
+            ++p;
+            continue;
+        }
+        out.append(reinterpret_cast<const char*>(plain), static_cast<std::size_t>(p - plain));
+        std::size_t length = 1;
+        switch (c) {
+            case '"':
+                out += "\\\"";
+                break;
+            case '\\':
+                out += "\\\\";
+                break;
+            case '\b':
+                out += "\\b";
+                break;
+            case '\f':
+                out += "\\f";
+                break;
+            case '\n':
+                out += "\\n";
+                break;
+            case '\r':
+                out += "\\r";
+                break;
+            case '\t':
+                out += "\\t";
+                break;
+            default:
+                if (c < 0x20) {
+                    AppendUnicodeEscape(out, c);
+                    break;
+                }
+                length = Utf8SequenceAt(p, end);
+                if (length == 0) {
+                    AppendUnicodeEscape(out, 0xFFFD);
+                    length = 1;
+                    break;
+                }
+                AppendCodepoint(out, DecodeUtf8(p, length));
+        }
+        p += length;
+        plain = p;
+    }
+    out.append(reinterpret_cast<const char*>(plain), static_cast<std::size_t>(p - plain));
+    out += '"';
+}
+
+bool IsValidUtf8(const char* text, const char* textEnd) {
+    const auto* p = reinterpret_cast<const unsigned char*>(text);
+    const auto* end = reinterpret_cast<const unsigned char*>(textEnd);
+    while (p < end) {
+        const std::size_t length = Utf8SequenceAt(p, end);
         if (length == 0) return false;
-        i += length;
+        p += length;
     }
     return true;
 }
 
-// `value` with every string and member name made valid UTF-8; untouched when all are.
-bool NeedsRepair(const Json::Value& value) {
-    if (value.isString()) return !IsValidUtf8(value.asString());
-    if (value.isArray()) {
-        for (const auto& item : value) {
-            if (NeedsRepair(item)) return true;
+// `text` with U+FFFD for every byte that is not part of a well-formed sequence.
+std::string ValidUtf8(const char* text, const char* textEnd) {
+    const auto* p = reinterpret_cast<const unsigned char*>(text);
+    const auto* end = reinterpret_cast<const unsigned char*>(textEnd);
+    std::string out;
+    while (p < end) {
+        const std::size_t length = Utf8SequenceAt(p, end);
+        if (length == 0) {
+            out += "\xEF\xBF\xBD";
+            ++p;
+            continue;
         }
-        return false;
+        out.append(reinterpret_cast<const char*>(p), length);
+        p += length;
     }
-    if (!value.isObject()) return false;
-    for (auto it = value.begin(); it != value.end(); ++it) {
-        if (!IsValidUtf8(it.name()) || NeedsRepair(*it)) return true;
-    }
-    return false;
+    return out;
 }
 
-Json::Value Repaired(const Json::Value& value) {
-    if (value.isString()) return Json::Value(ValidUtf8(value.asString()));
-    if (value.isArray()) {
-        Json::Value out(Json::arrayValue);
-        for (const auto& item : value) out.append(Repaired(item));
-        return out;
+bool HasValidNames(const Json::Value& object) {
+    for (auto it = object.begin(); it != object.end(); ++it) {
+        const char* end = nullptr;
+        const char* name = it.memberName(&end);
+        if (!IsValidUtf8(name, end)) return false;
     }
-    if (!value.isObject()) return value;
+    return true;
+}
+
+// The object as it reads back once its names are written: members under their repaired names,
+// in the order of those names, the last of two that became alike winning.
+Json::Value WithRepairedNames(const Json::Value& object) {
     Json::Value out(Json::objectValue);
-    for (auto it = value.begin(); it != value.end(); ++it)
-        out[ValidUtf8(it.name())] = Repaired(*it);
+    for (auto it = object.begin(); it != object.end(); ++it) {
+        const char* end = nullptr;
+        const char* name = it.memberName(&end);
+        out[ValidUtf8(name, end)] = *it;
+    }
     return out;
+}
+
+template <typename Integer>
+void AppendInteger(std::string& out, Integer value) {
+    char digits[24];
+    const auto result = std::to_chars(digits, digits + sizeof(digits), value);
+    out.append(digits, result.ptr);
+}
+
+// Compact JSON, member order and number forms as JsonCpp's writers give them, appended
+// straight to one string: JsonCpp's own writers copy every member name into a list and look
+// each member up again, which made serialising an alarm cost more than building it.
+void AppendValue(std::string& out, const Json::Value& value) {
+    switch (value.type()) {
+        case Json::nullValue:
+            out += "null";
+            return;
+        case Json::intValue:
+            AppendInteger(out, value.asLargestInt());
+            return;
+        case Json::uintValue:
+            AppendInteger(out, value.asLargestUInt());
+            return;
+        case Json::realValue:
+            out += Json::valueToString(value.asDouble());
+            return;
+        case Json::stringValue: {
+            const char* begin = nullptr;
+            const char* end = nullptr;
+            if (!value.getString(&begin, &end)) begin = end = "";
+            AppendQuoted(out, begin, end);
+            return;
+        }
+        case Json::booleanValue:
+            out += value.asBool() ? "true" : "false";
+            return;
+        case Json::arrayValue: {
+            out += '[';
+            const Json::ArrayIndex size = value.size();
+            for (Json::ArrayIndex i = 0; i < size; ++i) {
+                if (i > 0) out += ',';
+                AppendValue(out, value[i]);
+            }
+            out += ']';
+            return;
+        }
+        case Json::objectValue: {
+            // Rare: names that are not UTF-8 change their order, even their number, once written.
+            if (!HasValidNames(value)) {
+                AppendValue(out, WithRepairedNames(value));
+                return;
+            }
+            out += '{';
+            bool first = true;
+            for (auto it = value.begin(); it != value.end(); ++it) {
+                if (!first) out += ',';
+                first = false;
+                const char* nameEnd = nullptr;
+                const char* name = it.memberName(&nameEnd);
+                AppendQuoted(out, name, nameEnd);
+                out += ':';
+                AppendValue(out, *it);
+            }
+            out += '}';
+            return;
+        }
+    }
 }
 
 std::unique_ptr<Json::CharReader> MakeReader() {
@@ -126,15 +272,10 @@ int JsonUtils::ParseJsonStr(const std::string& text, Json::Value& out) {
 }
 
 std::string JsonUtils::JsonToString(const Json::Value& value) {
-    // JsonCpp's FastWriter appends straight to a string and writes the same compact text as a
-    // StreamWriter without indentation, at a third of the cost; every alarm passes here.
-    thread_local Json::FastWriter writer = [] {
-        Json::FastWriter fast;
-        fast.omitEndingLineFeed();
-        return fast;
-    }();
-    if (NeedsRepair(value)) return writer.write(Repaired(value));
-    return writer.write(value);
+    std::string out;
+    out.reserve(512);  // an alarm fits
+    AppendValue(out, value);
+    return out;
 }
 
 std::string JsonUtils::GetStringValue(const Json::Value& obj, const char* key, const char* def) {

@@ -89,6 +89,51 @@ TEST(Json, CompactOutputAndDepthLimit) {
     EXPECT_FALSE(SDK::JsonUtils::GetArrayValue(typed, "a", out));
 }
 
+// Alarms are written by the agent's own writer; for valid UTF-8 it must give JsonCpp's text to
+// the byte: member order, number forms, escapes.
+TEST(Json, WrittenExactlyAsJsonCppWritesValidText) {
+    Json::Value doc(Json::objectValue);
+    doc["ints"].append(Json::Int64(-9223372036854775807LL - 1));
+    doc["ints"].append(Json::UInt64(18446744073709551615ULL));
+    doc["ints"].append(0);
+    doc["ints"].append(-42);
+    doc["reals"].append(0.1);
+    doc["reals"].append(-0.0);
+    doc["reals"].append(3.0);
+    doc["reals"].append(1e300);
+    doc["reals"].append(-2.5e-8);
+    doc["text"] =
+        std::string("q\"b\\s/\b\f\n\r\t\x01\x1f\x7f e\xC3\xA9 \xE2\x82\xAC \xF0\x9F\x98\x80");
+    doc["nul"] = std::string("a\0b", 3);
+    doc[std::string("key\0with nul", 12)] = true;
+    doc["Upper"] = false;
+    doc["aa"] = Json::Value();
+    doc["empty"]["array"] = Json::Value(Json::arrayValue);
+    doc["empty"]["object"] = Json::Value(Json::objectValue);
+    doc["holes"][3] = "third";  // a sparse array reads as nulls
+    doc["deep"]["a"]["b"][0]["c"] = "d";
+    Json::FastWriter reference;
+    reference.omitEndingLineFeed();
+    EXPECT_EQ(SDK::JsonUtils::JsonToString(doc), reference.write(doc));
+    EXPECT_EQ(SDK::JsonUtils::JsonToString(Json::Value("scalar")), "\"scalar\"");
+}
+
+// Found by fuzzing: names that differ only in bytes that are not UTF-8 become alike once
+// written, and their order changes; the text must still read back to itself.
+TEST(Json, NamesThatBecomeAlikeWhenWrittenAreOneMemberInTheirWrittenOrder) {
+    Json::Value doc(Json::objectValue);
+    doc["\xFF"
+        "a"] = 1;
+    doc["\xFE"
+        "a"] = 2;
+    doc["b"] = 3;
+    const std::string text = SDK::JsonUtils::JsonToString(doc);
+    EXPECT_EQ(text, R"({"b":3,"\ufffda":1})");
+    Json::Value again;
+    ASSERT_EQ(SDK::JsonUtils::ParseJsonStr(text, again), 0);
+    EXPECT_EQ(SDK::JsonUtils::JsonToString(again), text);
+}
+
 // A container names its files with any bytes. What the document says must be either the name
 // itself or plainly undecodable, never another plausible name, and it must read back the same.
 TEST(Json, BytesThatAreNotUtf8AreWrittenAsReplacementCharacters) {
