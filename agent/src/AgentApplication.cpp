@@ -6,7 +6,6 @@
 #include <Poco/FileChannel.h>
 #include <Poco/FormattingChannel.h>
 #include <Poco/Path.h>
-#include <Poco/PatternFormatter.h>
 #include <Poco/Util/HelpFormatter.h>
 #include <Poco/Util/Option.h>
 #include <Poco/Util/OptionCallback.h>
@@ -27,6 +26,7 @@
 #include "agent/CheckExit.h"
 #include "agent/ConfigCheck.h"
 #include "agent/HangupSignal.h"
+#include "agent/LogLineFormatter.h"
 #include "agent/MetricsServer.h"
 #include "agent/ModuleLoader.h"
 #include "agent/PolicyCheck.h"
@@ -273,9 +273,9 @@ bool AgentApplication::SetUpLogging(std::string& error) {
             return false;
         }
     }
-    Poco::AutoPtr<Poco::PatternFormatter> pattern(
-        new Poco::PatternFormatter("%Y-%m-%d %H:%M:%S.%i [%p] %s %U:%u: %t"));
-    Poco::AutoPtr<Poco::FormattingChannel> formatting(new Poco::FormattingChannel(pattern, sink));
+    Poco::AutoPtr<LogLineFormatter> lineFormat(new LogLineFormatter());
+    Poco::AutoPtr<Poco::FormattingChannel> formatting(
+        new Poco::FormattingChannel(lineFormat, sink));
     SDK::LoggerUtils::GetInstance()->Configure(
         formatting, SDK::LoggerUtils::ParseLevel(SDK::ConfigUtils::GetString("log.level", "")));
     return true;

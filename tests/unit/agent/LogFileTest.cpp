@@ -1,14 +1,18 @@
 // The agent's log file: records gathered and written in batches, never out of order, never
-// held back past a short delay, and written to the file they were logged for.
+// held back past a short delay, written to the file they were logged for, and formatted as
+// they always were.
 #include <Poco/AutoPtr.h>
 #include <Poco/FileChannel.h>
 #include <Poco/Message.h>
+#include <Poco/PatternFormatter.h>
+#include <Poco/Timestamp.h>
 #include <gtest/gtest.h>
 #include <stdio.h>
 
 #include <string>
 #include <vector>
 
+#include "agent/LogLineFormatter.h"
 #include "agent/ReopenableFileChannel.h"
 #include "support/Deadline.h"
 #include "support/FileText.h"
@@ -60,6 +64,33 @@ TEST_F(ReopenableFileChannelTest, RecordsGatheredBeforeAReopenStayWithTheOldFile
     Log("after rotation", Poco::Message::PRIO_WARNING);
     EXPECT_EQ(FileText::Lines(path_ + ".1"), std::vector<std::string>{"before rotation"});
     EXPECT_EQ(FileText::Lines(path_), std::vector<std::string>{"after rotation"});
+}
+
+TEST(LogLineFormatter, WritesWhatThePatternFormatterWrote) {
+    Poco::AutoPtr<Poco::PatternFormatter> pattern(
+        new Poco::PatternFormatter("%Y-%m-%d %H:%M:%S.%i [%p] %s %U:%u: %t"));
+    Poco::AutoPtr<Agent::LogLineFormatter> lines(new Agent::LogLineFormatter());
+    const Poco::Timestamp::TimeVal times[] = {0, 1700000000123456, 1700000000999999,
+                                              1700000001000000, 4102444799999000};
+    for (const auto micros : times) {
+        for (int prio = Poco::Message::PRIO_FATAL; prio <= Poco::Message::PRIO_TRACE; ++prio) {
+            Poco::Message msg("dockerfile_module", "Docker file text: 100%",
+                              static_cast<Poco::Message::Priority>(prio), "UserFileMonitor.cpp",
+                              142);
+            msg.setTime(Poco::Timestamp(micros));
+            std::string expected;
+            std::string got;
+            pattern->format(msg, expected);
+            lines->format(msg, got);
+            EXPECT_EQ(got, expected);
+        }
+    }
+    Poco::Message bare("agent", "no file", Poco::Message::PRIO_NOTICE);
+    std::string expected;
+    std::string got;
+    pattern->format(bare, expected);
+    lines->format(bare, got);
+    EXPECT_EQ(got, expected);
 }
 
 }  // namespace
