@@ -20,6 +20,9 @@ constexpr const char* kCoverageStatus = "filenotify.coverage";
 constexpr std::size_t kPerSourceLimit = 16384;
 constexpr std::size_t kTotalLimit = 65536;
 constexpr int kRetryMs = 1;  // how soon a held-back event is offered again
+// Reads that follow each other this closely mean a storm: the next events gather in the kernel
+// this long, so that a wake-up and a read carry many of them instead of one each.
+constexpr uint64_t kGatherMs = 1;
 
 Framework::DegradedCounter gBacklogDropped("filenotify.dropped.backlog", 5000);
 Framework::DegradedCounter gReadPaused("filenotify.read_paused");
@@ -53,7 +56,7 @@ int FileNotifyTask::Init() {
 }
 
 void FileNotifyTask::UnInit() {
-    if (table_ && table_->IsOpen() && !readingPaused_) GetEventWaiter().RemoveFd(table_->Fd());
+    if (table_ && table_->IsOpen() && reading_) GetEventWaiter().RemoveFd(table_->Fd());
     table_.reset();
     Framework::StatusBoard::Instance().Erase(kCoverageStatus);
     PublishCoverage(WatchTable::Coverage());
@@ -69,10 +72,17 @@ void FileNotifyTask::PublishCoverage(const WatchTable::Coverage& coverage) {
     gauges.SetContainers(kTaskName, coverage.containers);
 }
 
-int FileNotifyTask::NextWaitMs() { return pending_.Empty() ? kWaitMs : kRetryMs; }
+int FileNotifyTask::NextWaitMs() {
+    if (gathering_) return static_cast<int>(kGatherMs);
+    return pending_.Empty() ? kWaitMs : kRetryMs;
+}
 
 void FileNotifyTask::OnTurn(uint64_t nowMs) {
     if (!table_) return;
+    if (gathering_ && nowMs >= resumeReadingAtMs_) {
+        gathering_ = false;
+        UpdateReading();
+    }
     std::vector<WatchNotification> notifications;
     table_->Tick(nowMs, notifications);
     Queue(notifications);
@@ -99,9 +109,15 @@ int FileNotifyTask::Receive(const FileNotifyWatchMessage& msg) {
 }
 
 void FileNotifyTask::OnReadable() {
+    const uint64_t now = NowMs();
     std::vector<WatchNotification> notifications;
     table_->ReadEvents(notifications);
     Queue(notifications);
+    if (now - lastReadMs_ <= kGatherMs) {
+        gathering_ = true;
+        resumeReadingAtMs_ = now + kGatherMs;
+    }
+    lastReadMs_ = now;
     Dispatch();
 }
 
@@ -131,14 +147,17 @@ bool FileNotifyTask::Offer(WatchNotification& n) {
 
 void FileNotifyTask::Dispatch() {
     pending_.Drain([this](WatchNotification& n) { return Offer(n); });
-    PauseReading(pending_.Full());
+    const bool full = pending_.Full();
+    if (full && !backlogFull_) gReadPaused.Add();
+    backlogFull_ = full;
+    UpdateReading();
 }
 
-void FileNotifyTask::PauseReading(bool pause) {
-    if (pause == readingPaused_ || !table_ || !table_->IsOpen()) return;
-    readingPaused_ = pause;
-    if (pause) {
-        gReadPaused.Add();
+void FileNotifyTask::UpdateReading() {
+    const bool read = !backlogFull_ && !gathering_;
+    if (read == reading_ || !table_ || !table_->IsOpen()) return;
+    reading_ = read;
+    if (!read) {
         GetEventWaiter().RemoveFd(table_->Fd());
         return;
     }

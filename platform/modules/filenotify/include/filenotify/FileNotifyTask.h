@@ -24,7 +24,8 @@ namespace Engine {
 /// fast as it can neither fills the requester's queue nor puts another container's events behind
 /// its own. When the fair queue is full the task stops reading inotify, so further events wait in
 /// the kernel (an overflow there is resynchronised and counted); a container beyond its share loses
-/// events, counted.
+/// events, counted. Reads that come back to back (a storm) pause reading for a millisecond, so
+/// that the events gather in the kernel and one wake-up carries many of them.
 ///
 /// Unlike the audit service, reading stays on the task thread on purpose: what follows a read is a
 /// table lookup, the per-container share can only be applied once an event is decoded, and
@@ -64,11 +65,16 @@ private:
     void Queue(std::vector<WatchNotification>& notifications);
     void Dispatch();
     bool Offer(WatchNotification& notification);
-    void PauseReading(bool pause);
+    // Reads inotify unless the fair queue is full or a storm's events are gathering.
+    void UpdateReading();
 
     std::unique_ptr<WatchTable> table_;
     FairQueue<Source, WatchNotification> pending_;
-    bool readingPaused_ = false;
+    bool reading_ = true;  // the inotify descriptor is in the event waiter
+    bool backlogFull_ = false;
+    bool gathering_ = false;
+    uint64_t lastReadMs_ = 0;
+    uint64_t resumeReadingAtMs_ = 0;
     uint64_t publishedAtMs_ = 0;
 };
 
