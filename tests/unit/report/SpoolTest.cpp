@@ -115,13 +115,13 @@ TEST_F(SpoolTest, ACrashRepeatsTheLastLinesButNeverSkipsOne) {
     const pid_t child = ::fork();
     ASSERT_GE(child, 0);
     if (child == 0) {
-        Spool* spool = new Spool(dir_, 4 << 20);  // never deleted: the crash
+        Spool* spool = new Spool(dir_, 64 << 20);  // never deleted: the crash
         std::string error;
         if (!spool->Open(error)) ::_exit(2);
         uint64_t corrupt = 0;
-        for (int i = 0; i < 3000; ++i) spool->Append(Doc(i, 100));  // past the truncation size
+        for (int i = 0; i < 40000; ++i) spool->Append(Doc(i, 100));  // past the truncation size
         while (!spool->Peek(500, 1 << 20, corrupt).empty()) spool->Commit(500);
-        for (int i = 3000; i < 3010; ++i) spool->Append(Doc(i, 100));
+        for (int i = 40000; i < 40010; ++i) spool->Append(Doc(i, 100));
         spool->Peek(4, 1 << 20, corrupt);
         spool->Commit(4);
         ::_exit(0);
@@ -129,14 +129,14 @@ TEST_F(SpoolTest, ACrashRepeatsTheLastLinesButNeverSkipsOne) {
     int status = 0;
     ASSERT_EQ(::waitpid(child, &status, 0), child);
     ASSERT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
-    auto spool = OpenSpool(4 << 20);
+    auto spool = OpenSpool(64 << 20);
     uint64_t corrupt = 0;
     const auto lines = DrainAll(*spool, 100, &corrupt);
     EXPECT_EQ(corrupt, 0u);
     ASSERT_GE(lines.size(), 6u);
     ASSERT_LE(lines.size(), 10u);
     for (std::size_t i = 0; i < lines.size(); ++i) {
-        EXPECT_EQ(lines[i], Doc(static_cast<int>(3010 - lines.size() + i), 100));
+        EXPECT_EQ(lines[i], Doc(static_cast<int>(40010 - lines.size() + i), 100));
     }
 }
 

@@ -26,7 +26,9 @@ constexpr uint64_t kMinSegmentBytes = 4096;
 constexpr std::size_t kReadChunk = 64 * 1024;
 // Longer lines are refused at append; on read, that much without a newline is corruption.
 constexpr std::size_t kMaxLineBytes = 1u << 20;
-constexpr uint64_t kTruncateAtBytes = 256 * 1024;
+// A caught-up spool is emptied once its segment holds this much: each truncation also records
+// the cursor (open, write, rename), which at every 256 KiB cost a storm more than its appends.
+constexpr uint64_t kTruncateAtBytes = 4u << 20;
 constexpr auto kCursorSaveEvery = std::chrono::milliseconds(200);
 
 std::string ErrnoText(const std::string& what) { return what + ": " + std::strerror(errno); }
