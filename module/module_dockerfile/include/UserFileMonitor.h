@@ -16,7 +16,8 @@ void AddDockerUserFileMonitor(const DockerFileCacheInfo& info, DockerFileTask* t
 void DeleteDockerUserFileMonitor(const DockerFileCacheInfo& info, DockerFileTask* task);
 /// A file-notify event: finds its container, classifies it and raises "dockerfile_001".
 void UserFileNotifyMessageProcess(FileNotifyMessage* msg, DockerFileTask* task);
-/// The fifteen members that open both alarms, with the alarm's own name, class and type.
+/// The fifteen members that open both alarms, with the alarm's own name, class and type
+/// (texts that live as long as the process, such as literals: the document points at them).
 void FillAlarmEnvelope(const ContainerInfo& container, const char* eventName, const char* classId,
                        const char* type, Json::Value& root);
 /// The alarms' "resource_info": the container's id and image id.
