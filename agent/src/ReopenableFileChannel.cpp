@@ -9,7 +9,11 @@
 namespace Agent {
 
 ReopenableFileChannel::ReopenableFileChannel(Poco::AutoPtr<Poco::FileChannel> file)
-    : file_(std::move(file)), flusher_([this] { FlushLoop(); }) {}
+    : file_(std::move(file)) {
+    gathered_.reserve(2 * kFlushBytes);
+    writing_.reserve(2 * kFlushBytes);
+    flusher_ = std::thread([this] { FlushLoop(); });
+}
 
 ReopenableFileChannel::~ReopenableFileChannel() {
     {
@@ -55,15 +59,17 @@ void ReopenableFileChannel::Flush() {
 }
 
 void ReopenableFileChannel::WriteGathered() {
-    std::string text;
+    // The two buffers trade places and keep their room: a storm's records are gathered and
+    // written without a buffer growing again each time.
+    writing_.clear();
     {
         std::lock_guard<std::mutex> lock(bufferMutex_);
-        text.swap(gathered_);
+        writing_.swap(gathered_);
     }
-    if (text.empty()) return;
-    text.pop_back();  // the file channel ends what it writes with a newline of its own
+    if (writing_.empty()) return;
+    writing_.pop_back();  // the file channel ends what it writes with a newline of its own
     try {
-        file_->log(Poco::Message("", text, Poco::Message::PRIO_INFORMATION));
+        file_->log(Poco::Message("", writing_, Poco::Message::PRIO_INFORMATION));
     } catch (const std::exception&) {
         // A full disk or a vanished directory: these records are lost, as unbuffered writes
         // would have lost them; logging goes on.

@@ -24,7 +24,7 @@ namespace Agent {
 class ReopenableFileChannel : public Poco::Channel {
 public:
     static constexpr int kFlushMs = 50;
-    static constexpr std::size_t kFlushBytes = 64 * 1024;
+    static constexpr std::size_t kFlushBytes = 16 * 1024;
 
     explicit ReopenableFileChannel(Poco::AutoPtr<Poco::FileChannel> file);
 
@@ -51,6 +51,7 @@ private:
     std::mutex bufferMutex_;  // guards gathered_, stop_ and the flusher's condition variable
     std::condition_variable wake_;
     std::string gathered_;  // records not yet written, each followed by a newline
+    std::string writing_;   // what WriteGathered writes; kept, with its room, under fileMutex_
     bool stop_ = false;
     std::thread flusher_;
 };

@@ -73,6 +73,7 @@ int Task::Run() {
 
 void Task::RunTurn() {
     if (waiter_.WaitAndHandleEvent(NextWaitMs(), loop_.maxEvents) == -1) {
+        if (loop_.gatherMs > 0) Gather();
         BulkConsumeMsg(loop_.batch);
     }
     if (isCancelled()) return;
@@ -80,6 +81,16 @@ void Task::RunTurn() {
 }
 
 int Task::NextWaitMs() { return loop_.waitMs; }
+
+void Task::Gather() {
+    using SteadyClock = std::chrono::steady_clock;
+    const auto until = lastBatchAt_ + std::chrono::milliseconds(loop_.gatherMs);
+    const auto now = SteadyClock::now();
+    if (now < until && QueuedCount() < static_cast<size_t>(loop_.batch)) {
+        std::this_thread::sleep_for(until - now);
+    }
+    lastBatchAt_ = SteadyClock::now();
+}
 
 void Task::OnTurn(uint64_t) {}
 

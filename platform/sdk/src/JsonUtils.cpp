@@ -154,15 +154,6 @@ std::string ValidUtf8(const char* text, const char* textEnd) {
     return out;
 }
 
-bool HasValidNames(const Json::Value& object) {
-    for (auto it = object.begin(); it != object.end(); ++it) {
-        const char* end = nullptr;
-        const char* name = it.memberName(&end);
-        if (!IsValidUtf8(name, end)) return false;
-    }
-    return true;
-}
-
 // The object as it reads back once its names are written: members under their repaired names,
 // in the order of those names, the last of two that became alike winning.
 Json::Value WithRepairedNames(const Json::Value& object) {
@@ -220,18 +211,22 @@ void AppendValue(std::string& out, const Json::Value& value) {
             return;
         }
         case Json::objectValue: {
-            // Rare: names that are not UTF-8 change their order, even their number, once written.
-            if (!HasValidNames(value)) {
-                AppendValue(out, WithRepairedNames(value));
-                return;
-            }
+            const std::size_t start = out.size();
             out += '{';
             bool first = true;
-            for (auto it = value.begin(); it != value.end(); ++it) {
-                if (!first) out += ',';
-                first = false;
+            const auto end = value.end();
+            for (auto it = value.begin(); it != end; ++it) {
                 const char* nameEnd = nullptr;
                 const char* name = it.memberName(&nameEnd);
+                if (!IsValidUtf8(name, nameEnd)) {
+                    // Rare: names that are not UTF-8 change their order, even their number,
+                    // once written. Start the object again under its repaired names.
+                    out.resize(start);
+                    AppendValue(out, WithRepairedNames(value));
+                    return;
+                }
+                if (!first) out += ',';
+                first = false;
                 AppendQuoted(out, name, nameEnd);
                 out += ':';
                 AppendValue(out, *it);

@@ -3,6 +3,7 @@
 #include <Poco/Task.h>
 
 #include <atomic>
+#include <chrono>
 #include <condition_variable>
 #include <memory>
 #include <mutex>
@@ -32,6 +33,10 @@ public:
         int waitMs = 100;
         int batch = 128;
         int maxEvents = 128;
+        /// When batches follow each other closer than this, messages gather in the queue until
+        /// this long after the last batch (or a full batch waits): fewer wake-ups under a storm,
+        /// at most this much later. 0: every message is taken as soon as it is signalled.
+        int gatherMs = 0;
     };
 
     /// queueCapacity: how many messages may wait in the queue at once.
@@ -129,6 +134,7 @@ public:
 protected:
 private:
     void CountUnknownTask(const Message& msg, const std::string& taskName);
+    void Gather();
 
     std::string feature_;
     LoopSettings loop_;
@@ -136,6 +142,7 @@ private:
     TaskCondition::TaskType type_;
     MessageConsumer consumer_;
     EventWaiter waiter_;
+    std::chrono::steady_clock::time_point lastBatchAt_{};  // task thread
     std::shared_ptr<Policy> policy_;  // accessed only through std::atomic_load/atomic_store
     std::mutex runningMutex_;         // guards running_
     std::condition_variable runningCv_;

@@ -38,6 +38,7 @@ DataCommReportTask::DataCommReportTask(std::vector<std::unique_ptr<SinkWorker>> 
     loop.waitMs = kWaitMs;
     loop.maxEvents = 16;
     loop.batch = kBulk;
+    loop.gatherMs = 1;  // a storm's alarms are spooled a batch at a time
     SetLoopSettings(loop);
 }
 

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <Poco/Any.h>
 #include <Poco/Format.h>
 #include <Poco/Logger.h>
 #include <Poco/Message.h>
@@ -7,6 +8,7 @@
 #include <cstddef>
 #include <exception>
 #include <string>
+#include <vector>
 
 #include "sdk/PathUtils.h"
 
@@ -28,7 +30,12 @@ inline void LogRecord(Poco::Logger* logger, Poco::Message::Priority prio, const 
         if constexpr (sizeof...(Args) == 0) {
             text = fmt;
         } else {
-            text = Poco::format(std::string(fmt), args...);
+            // Poco::format's variadic forms copy every argument three times on its way into
+            // the list it formats from; one copy each is enough.
+            std::vector<Poco::Any> values;
+            values.reserve(sizeof...(Args));
+            (values.emplace_back(args), ...);
+            Poco::format(text, fmt, values);
         }
         Poco::Channel* channel = logger->getChannel();
         if (!logger->is(prio) || channel == nullptr) return;
