@@ -44,13 +44,13 @@ private:
     std::vector<std::string> lines_;
 };
 
-// Handles a message slowly and says in which order the messages came.
+// Handles a message (slowly unless told otherwise) and says in which order the messages came.
 class SlowMessage : public Framework::Message {
 public:
-    SlowMessage(std::vector<int>& seen, std::mutex& mutex, int value)
-        : seen_(seen), mutex_(mutex), value_(value) {}
+    SlowMessage(std::vector<int>& seen, std::mutex& mutex, int value, bool slow = true)
+        : seen_(seen), mutex_(mutex), value_(value), slow_(slow) {}
     int MessageHandle(void*) override {
-        std::this_thread::sleep_for(std::chrono::milliseconds(2));
+        if (slow_) std::this_thread::sleep_for(std::chrono::milliseconds(2));
         std::lock_guard<std::mutex> lock(mutex_);
         seen_.push_back(value_);
         return 0;
@@ -60,6 +60,7 @@ private:
     std::vector<int>& seen_;
     std::mutex& mutex_;
     int value_;
+    bool slow_;
 };
 
 // Records the times its turns were given and the waits it asked for.
@@ -121,6 +122,40 @@ TEST(IdleBarrier, ReturnsOnlyAfterEveryEarlierMessageWasHandled) {
     }
     EXPECT_FALSE(Framework::Task::WaitIdle("runtime_nobody", 100)) << "no such task";
     module->UnRegisterTask("runtime_idle");
+}
+
+// Counts its batches; its loop lets messages gather for 20 ms when batches come close together.
+class GatheringTask : public TurnTask {
+public:
+    explicit GatheringTask(const std::string& name) : TurnTask(name, 1024) {
+        LoopSettings loop;
+        loop.waitMs = 1000;
+        loop.gatherMs = 20;
+        SetLoopSettings(loop);
+    }
+    void OnBatchEnd() override { ++batches; }
+    std::atomic<int> batches{0};
+};
+
+TEST(TaskLoop, MessagesSentOneByOneInAStormAreTakenInBatches) {
+    ModulePtr module(new RuntimeModule());
+    auto* task = new GatheringTask("runtime_gather");
+    ASSERT_EQ(module->RegisterTask(task, false), 0);
+    std::vector<int> seen;
+    std::mutex mutex;
+    // 200 messages over about 200 ms: taken as they come, that would be a batch each.
+    for (int i = 0; i < 200; ++i) {
+        ASSERT_EQ(task->SendDirectMsg("runtime_gather", new SlowMessage(seen, mutex, i, false)), 0);
+        std::this_thread::sleep_for(std::chrono::microseconds(500));  // the sender's pace
+    }
+    ASSERT_TRUE(Framework::Task::WaitIdle("runtime_gather", kDeadlineMs));
+    {
+        std::lock_guard<std::mutex> lock(mutex);
+        ASSERT_EQ(seen.size(), 200u);
+        for (int i = 0; i < 200; ++i) ASSERT_EQ(seen[i], i);
+    }
+    EXPECT_LT(task->batches.load(), 60);
+    module->UnRegisterTask("runtime_gather");
 }
 
 // A task that never takes its messages: a barrier that cannot be queued, or is never reached,
