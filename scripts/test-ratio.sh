@@ -15,7 +15,9 @@ COMPONENTS=(
   "process_collect|platform/modules/process_collect|tests/unit/process_collect tests/integration/process_collect"
   "report|platform/modules/report|tests/unit/report tests/integration/report"
   "module|module/module_dockerfile platform/engine|tests/unit/dockerfile tests/integration/dockerfile"
-  "agent|agent|tests/unit/agent"
+  "agent|agent|tests/unit/agent tests/integration/agent"
+  "bench|bench|"
+  "support+fuzz||tests/support tests/fuzz"
 )
 
 files() {
@@ -27,6 +29,7 @@ files() {
 }
 
 count() {
+  [ $# -gt 0 ] || { echo 0; return; }
   local total=0 f n
   while read -r f; do
     [ -n "$f" ] || continue

@@ -11,13 +11,13 @@ constexpr const char* kPrefix = "tarnwick_";
 
 // Counters whose last part names a task, an alarm class: one family, the part as a label.
 struct Labelled {
-    const char* prefix;  // up to and including the dot before the labelled part
+    const char* name;  // the counters are "<name>.<labelled part>"
     const char* label;
 };
 const Labelled kLabelled[] = {
-    {"framework.send.queue_full.", "task"},
-    {"framework.send.unknown_task.", "task"},
-    {"report.alarms.class.", "class"},
+    {Framework::CounterNames::kQueueFull, "task"},
+    {Framework::CounterNames::kUnknownTask, "task"},
+    {Framework::CounterNames::kAlarmClass, "class"},
 };
 
 // Alarm outputs: "report.<output>.<what>" becomes "report.<what>" with an output label.
@@ -37,8 +37,9 @@ const std::map<std::string, std::string>& Helps() {
         {Framework::GaugeNames::kWatchesFailed,
          "Requested paths the kernel refused a watch for (retried until they succeed)"},
         {"report.spooled_bytes", "Bytes waiting in an output's spool"},
-        {"report.alarms.class", "Alarms received, by alarm class"},
-        {"container.start.gone", "Containers that exited before they could be protected"},
+        {Framework::CounterNames::kAlarmClass, "Alarms received, by alarm class"},
+        {Framework::CounterNames::kContainerStartGone,
+         "Containers that exited before they could be protected"},
     };
     return helps;
 }
@@ -79,7 +80,7 @@ AgentMetrics::CounterPlace AgentMetrics::PlaceCounter(const std::string& name) {
     place.family = name;
     place.pattern = name;
     for (const auto& l : kLabelled) {
-        const std::string prefix = l.prefix;
+        const std::string prefix = std::string(l.name) + ".";
         if (!StartsWith(name, prefix) || name.size() == prefix.size()) continue;
         place.family = prefix.substr(0, prefix.size() - 1);
         place.labels[l.label] = name.substr(prefix.size());

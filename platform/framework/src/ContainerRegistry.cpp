@@ -2,14 +2,9 @@
 
 #include <algorithm>
 
-namespace Framework {
+#include "sdk/PathUtils.h"
 
-namespace {
-std::string StripTrailingSlashes(std::string path) {
-    while (path.size() > 1 && path.back() == '/') path.pop_back();
-    return path;
-}
-}  // namespace
+namespace Framework {
 
 ContainerRegistry& ContainerRegistry::Instance() {
     static ContainerRegistry* instance = new ContainerRegistry();  // used until process exit
@@ -17,7 +12,7 @@ ContainerRegistry& ContainerRegistry::Instance() {
 }
 
 void ContainerRegistry::Started(const std::string& rootPath, const std::string& id, int pid) {
-    const std::string root = StripTrailingSlashes(rootPath);
+    const std::string root = SDK::PathUtils::StripTrailingSlashes(rootPath);
     if (root.size() < 2 || root.front() != '/') return;
     std::lock_guard<std::mutex> lock(mutex_);
     exited_.erase(std::remove(exited_.begin(), exited_.end(), root), exited_.end());
@@ -28,7 +23,7 @@ void ContainerRegistry::Started(const std::string& rootPath, const std::string& 
 }
 
 void ContainerRegistry::Exited(const std::string& rootPath) {
-    const std::string root = StripTrailingSlashes(rootPath);
+    const std::string root = SDK::PathUtils::StripTrailingSlashes(rootPath);
     std::lock_guard<std::mutex> lock(mutex_);
     auto it = entries_.find(root);
     if (it == entries_.end() || it->second.pid == 0) return;

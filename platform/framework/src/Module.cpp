@@ -3,6 +3,7 @@
 #include <exception>
 #include <vector>
 
+#include "FrameworkLog.h"
 #include "framework/FeaturePolicy.h"
 #include "framework/TaskPolicy.h"
 #include "framework/TaskRegistry.h"
@@ -14,9 +15,6 @@ namespace Framework {
 namespace {
 constexpr int kDrainBatch = 1024;
 
-Poco::Logger* FrameworkLogger() {
-    return SDK::LoggerUtils::GetInstance()->GetModuleLogger("framework", true);
-}
 }  // namespace
 
 Module::Module(const std::string& name) : name_(name) {}

@@ -8,6 +8,7 @@
 #include <thread>
 #include <vector>
 
+#include "FrameworkLog.h"
 #include "framework/Counters.h"
 #include "framework/DegradedCounter.h"
 #include "framework/IdleBarrier.h"
@@ -20,9 +21,6 @@
 namespace Framework {
 
 namespace {
-Poco::Logger* FrameworkLogger() {
-    return SDK::LoggerUtils::GetInstance()->GetModuleLogger("framework", true);
-}
 
 // One counter (and one warning limit) per receiving task: a flood towards one task must not
 // hide that messages to another are lost too.

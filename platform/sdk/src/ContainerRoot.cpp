@@ -9,18 +9,13 @@
 #include <cerrno>
 #include <climits>
 
+#include "sdk/PathUtils.h"
 #include "sdk/UniqueFd.h"
 
 namespace SDK {
 
-namespace {
-std::string StripTrailingSlashes(std::string path) {
-    while (path.size() > 1 && path.back() == '/') path.pop_back();
-    return path;
-}
-}  // namespace
-
-ContainerRoot::ContainerRoot(const std::string& root) : path_(StripTrailingSlashes(root)) {
+ContainerRoot::ContainerRoot(const std::string& root)
+    : path_(SDK::PathUtils::StripTrailingSlashes(root)) {
     if (path_.empty() || path_.front() != '/') return;
     // Not canonicalised on purpose: a root such as /proc/<pid>/root is a link to another mount
     // namespace's root, and opening it is what gets us there.

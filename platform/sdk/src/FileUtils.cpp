@@ -6,6 +6,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <cstring>
 #include <memory>
 
 #include "sdk/ContainerRoot.h"
@@ -107,6 +108,24 @@ bool FileUtils::GetFileSha256(const std::string& path, std::string& sha256, long
     if (EVP_DigestFinal_ex(ctx.get(), digest, &digestLen) != 1) return false;
     sha256 = ToHex(digest, digestLen);
     return true;
+}
+
+bool FileUtils::MakeDirs(const std::string& dir) {
+    for (std::size_t slash = dir.find('/', 1);; slash = dir.find('/', slash + 1)) {
+        const std::string part = dir.substr(0, slash);
+        if (!part.empty() && ::mkdir(part.c_str(), 0750) != 0 && errno != EEXIST) return false;
+        if (slash == std::string::npos) return true;
+    }
+}
+
+bool FileUtils::MakeParentDirs(const std::string& path) {
+    const std::size_t slash = path.rfind('/');
+    if (slash == std::string::npos || slash == 0) return true;
+    return MakeDirs(path.substr(0, slash));
+}
+
+std::string FileUtils::ErrnoText(const std::string& what) {
+    return what + ": " + std::strerror(errno);
 }
 
 }  // namespace SDK

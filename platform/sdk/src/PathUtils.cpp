@@ -27,4 +27,9 @@ std::string PathUtils::GetExistedCanonicalizePath(const std::string& path) {
     return std::string(resolved);
 }
 
+std::string PathUtils::StripTrailingSlashes(std::string path) {
+    while (path.size() > 1 && path.back() == '/') path.pop_back();
+    return path;
+}
+
 }  // namespace SDK

@@ -14,6 +14,7 @@
 #include "agent/PrometheusText.h"
 #include "framework/Counters.h"
 #include "framework/Gauges.h"
+#include "support/Shell.h"
 
 namespace {
 struct Reply {
@@ -42,13 +43,10 @@ int PromtoolCheck(const std::string& text, std::string& output) {
     if (std::system("command -v promtool >/dev/null 2>&1") != 0) return -1;
     Poco::TemporaryFile file;
     std::ofstream(file.path()) << text;
-    const std::string command = "promtool check metrics < " + file.path() + " 2>&1";
-    FILE* pipe = popen(command.c_str(), "r");
-    if (pipe == nullptr) return -1;
-    char buffer[512];
-    while (fgets(buffer, sizeof buffer, pipe) != nullptr) output += buffer;
-    const int status = pclose(pipe);
-    return WIFEXITED(status) ? WEXITSTATUS(status) : 1;
+    const auto result =
+        TestSupport::Shell::Run("promtool check metrics < " + file.path() + " 2>&1");
+    output += result.out;
+    return result.exitCode < 0 ? 1 : result.exitCode;
 }
 
 class MetricsServerTest : public ::testing::Test {

@@ -300,20 +300,6 @@ bool ParseJson(const std::string& text, Json::Value& out) {
     return reader->parse(text.data(), text.data() + text.size(), &out, &errors);
 }
 
-TempDir::TempDir() {
-    char pattern[] = "/tmp/dockerfile-it-XXXXXX";
-    const char* made = mkdtemp(pattern);
-    path_ = made != nullptr ? made : "";
-}
-
-namespace {
-int RemoveEntry(const char* path, const struct stat*, int, struct FTW*) { return ::remove(path); }
-}  // namespace
-
-TempDir::~TempDir() {
-    if (!path_.empty()) nftw(path_.c_str(), RemoveEntry, 16, FTW_DEPTH | FTW_PHYS);
-}
-
 std::string Sha256OfFile(const std::string& path) {
     FILE* f = fopen(path.c_str(), "rb");
     if (f == nullptr) return "";

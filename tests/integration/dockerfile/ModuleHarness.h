@@ -15,6 +15,7 @@
 #include "framework/Message.h"
 #include "framework/Module.h"
 #include "framework/Task.h"
+#include "support/TempDir.h"
 
 namespace DockerFileHarness {
 
@@ -166,17 +167,7 @@ std::string ToText(const Json::Value& value);
 bool ParseJson(const std::string& text, Json::Value& out);
 
 /// A private temporary directory removed (with its contents) on destruction.
-class TempDir {
-public:
-    TempDir();
-    ~TempDir();
-    TempDir(const TempDir&) = delete;
-    TempDir& operator=(const TempDir&) = delete;
-    const std::string& Path() const { return path_; }
-
-private:
-    std::string path_;
-};
+using TempDir = TestSupport::TempDir;
 
 /// Lower-case hex SHA-256 of a file, computed here independently of the agent's helper.
 std::string Sha256OfFile(const std::string& path);

@@ -13,8 +13,10 @@
 #include <string>
 #include <thread>
 
+#include "support/Deadline.h"
 #include "support/FileText.h"
 #include "support/Shell.h"
+#include "support/TempDir.h"
 
 // The check commands of the agent binary, and the warning the running agent logs for a policy
 // that protects nothing. The real container file-protection module parses the documents.
@@ -41,22 +43,15 @@ size_t CountLines(const std::string& text, const std::string& needle) {
 
 class AgentChecks : public ::testing::Test {
 protected:
-    void SetUp() override {
-        char tmpl[] = "/tmp/tarnwick-checks-XXXXXX";
-        ASSERT_NE(mkdtemp(tmpl), nullptr);
-        dir_ = tmpl;
-    }
-    void TearDown() override { std::system(("rm -rf '" + dir_ + "'").c_str()); }
     std::string Write(const std::string& name, const std::string& text) {
-        const std::string path = dir_ + "/" + name;
-        std::ofstream(path) << text;
-        return path;
+        return tmp_.File(name, text);
     }
     Result CheckPolicy(const std::string& name, const std::string& text) {
         return RunAgent("--check-policy " + Write(name, text) + " --module-dir " +
                         TARNWICK_LIB_DIR);
     }
-    std::string dir_;
+    TestSupport::TempDir tmp_{"tarnwick-checks"};
+    const std::string dir_ = tmp_.Path();
 };
 
 const char* const kGoodPolicy = R"({
@@ -187,12 +182,9 @@ TEST_F(AgentChecks, RunningAgentWarnsOncePerDeliveryOfAPolicyThatProtectsNothing
         _exit(127);
     }
     const auto waitFor = [&](const std::string& needle, size_t count) {
-        const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(20);
-        while (std::chrono::steady_clock::now() < deadline) {
-            if (CountLines(TestSupport::FileText::Read(log), needle) >= count) return true;
-            std::this_thread::sleep_for(std::chrono::milliseconds(50));
-        }
-        return false;
+        return TestSupport::WaitUntil(
+            [&] { return CountLines(TestSupport::FileText::Read(log), needle) >= count; },
+            std::chrono::seconds(20), std::chrono::milliseconds(50));
     };
     const std::string warning = "[Warning] agent AgentApplication.cpp";
     const std::string nothing = "protects nothing: content.rules is an object, not an array";

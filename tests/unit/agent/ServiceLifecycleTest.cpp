@@ -21,6 +21,7 @@
 #include "sdk/UniqueFd.h"
 #include "support/Deadline.h"
 #include "support/FileText.h"
+#include "support/TempDir.h"
 
 namespace {
 
@@ -57,21 +58,7 @@ private:
     bool bound_ = false;
 };
 
-class ScratchDir {
-public:
-    ScratchDir() {
-        char templ[] = "/tmp/tarnwick-agent-XXXXXX";
-        const char* made = ::mkdtemp(templ);
-        path_ = made != nullptr ? made : "";
-    }
-    ~ScratchDir() {
-        if (!path_.empty()) std::system(("rm -rf '" + path_ + "'").c_str());
-    }
-    const std::string& Path() const { return path_; }
-
-private:
-    std::string path_;
-};
+using ScratchDir = TestSupport::TempDir;
 
 class ServiceNotifierTest : public ::testing::Test {
 protected:

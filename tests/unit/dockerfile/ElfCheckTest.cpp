@@ -11,32 +11,13 @@
 
 #include "LogCapture.h"
 #include "RootFsMonitor.h"
+#include "support/TempDir.h"
 
 namespace {
 
 using DockerFileUnit::LogCapture;
 
-/// A private temporary directory, removed with everything in it.
-class TempDir {
-public:
-    TempDir() {
-        char pattern[] = "/tmp/dockerfile_elf_XXXXXX";
-        const char* made = mkdtemp(pattern);
-        path_ = made ? made : "";
-    }
-    ~TempDir() {
-        if (!path_.empty()) std::system(("rm -rf '" + path_ + "'").c_str());
-    }
-    std::string File(const std::string& name, const std::string& bytes) const {
-        const std::string full = path_ + "/" + name;
-        std::ofstream(full, std::ios::binary) << bytes;
-        return full;
-    }
-    const std::string& Path() const { return path_; }
-
-private:
-    std::string path_;
-};
+using TestSupport::TempDir;
 
 const std::string kMagic(
     "\x7f"

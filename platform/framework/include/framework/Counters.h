@@ -32,6 +32,10 @@ namespace CounterNames {
 constexpr const char* kUnknownTask = "framework.send.unknown_task";
 constexpr const char* kQueueFull = "framework.send.queue_full";
 constexpr const char* kHandlerException = "framework.handler.exception";
+/// Alarms received by the reporting task, as "<name>.<alarm class>".
+constexpr const char* kAlarmClass = "report.alarms.class";
+/// Containers that exited before they could be protected.
+constexpr const char* kContainerStartGone = "container.start.gone";
 }  // namespace CounterNames
 
 }  // namespace Framework

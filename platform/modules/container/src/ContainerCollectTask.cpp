@@ -6,6 +6,7 @@
 #include "container/ContainerMessage.h"
 #include "container/ContainerModule.h"
 #include "framework/ContainerRegistry.h"
+#include "framework/Counters.h"
 #include "framework/DegradedCounter.h"
 #include "framework/Gauges.h"
 #include "framework/StartupGate.h"
@@ -27,7 +28,8 @@ Framework::DegradedCounter gInspectMalformed("container.inspect.malformed", kWar
 Framework::DegradedCounter gInspectFailed("container.inspect.failed", kWarnIntervalMs);
 Framework::DegradedCounter gListMalformed("container.list.malformed", kWarnIntervalMs);
 // Started, but gone before it could be looked at, so nobody protected it.
-Framework::DegradedCounter gGoneBeforeProtected("container.start.gone", kWarnIntervalMs);
+Framework::DegradedCounter gGoneBeforeProtected(Framework::CounterNames::kContainerStartGone,
+                                                kWarnIntervalMs);
 
 Poco::Logger* Log() { return ContainerModule::GetLoggerPtr(); }
 }  // namespace

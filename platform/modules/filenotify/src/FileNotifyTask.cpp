@@ -1,5 +1,6 @@
 #include "filenotify/FileNotifyTask.h"
 
+#include "filenotify/FileNotifyLog.h"
 #include "filenotify/FileNotifyMessage.h"
 #include "framework/DegradedCounter.h"
 #include "framework/Gauges.h"
@@ -27,9 +28,6 @@ constexpr uint64_t kGatherMs = 1;
 Framework::DegradedCounter gBacklogDropped("filenotify.dropped.backlog", 5000);
 Framework::DegradedCounter gReadPaused("filenotify.read_paused");
 
-Poco::Logger* Logger() {
-    return SDK::LoggerUtils::GetInstance()->GetModuleLogger("filenotify_module", true);
-}
 }  // namespace
 
 FileNotifyTask::FileNotifyTask()
@@ -46,11 +44,13 @@ FileNotifyTask::FileNotifyTask()
 int FileNotifyTask::Init() {
     table_.reset(new WatchTable(GetClock()));
     if (!table_->IsOpen()) {
-        TW_LOG(Logger(), PRIO_ERROR, "File notify: task runs without inotify; watches are refused");
+        TW_LOG(FileNotifyLogger(), PRIO_ERROR,
+               "File notify: task runs without inotify; watches are refused");
         return Framework::Task::Init();
     }
     if (!GetEventWaiter().AddFd(table_->Fd(), [this](int, uint32_t) { OnReadable(); })) {
-        TW_LOG(Logger(), PRIO_ERROR, "File notify: inotify descriptor not added to the waiter");
+        TW_LOG(FileNotifyLogger(), PRIO_ERROR,
+               "File notify: inotify descriptor not added to the waiter");
     }
     return Framework::Task::Init();
 }
@@ -126,7 +126,7 @@ void FileNotifyTask::Queue(std::vector<WatchNotification>& notifications) {
         Source source(n.requester, n.extParm);
         const std::string watchPath = n.watchPath;
         if (pending_.Push(source, std::move(n))) continue;
-        TW_DEGRADED(gBacklogDropped, 1, Logger(), PRIO_WARNING,
+        TW_DEGRADED(gBacklogDropped, 1, FileNotifyLogger(), PRIO_WARNING,
                     "File notify: %s is not keeping up with the events of %s; event dropped",
                     source.first, watchPath);
     }

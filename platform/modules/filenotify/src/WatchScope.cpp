@@ -3,6 +3,7 @@
 #include <errno.h>
 #include <sys/stat.h>
 
+#include "filenotify/FileNotifyLog.h"
 #include "framework/ContainerRegistry.h"
 #include "framework/DegradedCounter.h"
 #include "sdk/Log.h"
@@ -15,10 +16,6 @@ constexpr uint64_t kWarnIntervalMs = 10000;
 constexpr std::size_t kLabelLength = 12;
 
 Framework::DegradedCounter gFallback("filenotify.scope.fallback", kWarnIntervalMs);
-
-Poco::Logger* Logger() {
-    return SDK::LoggerUtils::GetInstance()->GetModuleLogger("filenotify_module", true);
-}
 
 // The process's root must be the container's root filesystem itself: a pid can be reused by
 // another process once the container's has exited.
@@ -75,7 +72,7 @@ bool WatchScope::OpenRoot() {
             return false;
         }
         kind_ = Kind::kContainerRootFs;
-        TW_DEGRADED(gFallback, 1, Logger(), PRIO_WARNING,
+        TW_DEGRADED(gFallback, 1, FileNotifyLogger(), PRIO_WARNING,
                     "File notify: process %d of container %s is gone; its files are looked up in "
                     "its root filesystem only, without its mounts",
                     pid_, Label());

@@ -10,6 +10,7 @@
 #include <cstring>
 #include <utility>
 
+#include "filenotify/FileNotifyLog.h"
 #include "framework/DegradedCounter.h"
 #include "sdk/Log.h"
 #include "sdk/LoggerUtils.h"
@@ -32,10 +33,6 @@ Framework::DegradedCounter gGapOpened("filenotify.coverage.gap_opened", 0);
 Framework::DegradedCounter gGapClosed("filenotify.coverage.gap_closed", 0);
 Framework::DegradedCounter gRetried("filenotify.watch.retried");
 Framework::DegradedCounter gBadName("filenotify.event.bad_name", kWarnIntervalMs);
-
-Poco::Logger* Logger() {
-    return SDK::LoggerUtils::GetInstance()->GetModuleLogger("filenotify_module", true);
-}
 
 bool HasControlCharacter(const std::string& name) {
     for (unsigned char c : name) {
@@ -95,7 +92,7 @@ bool IsRefusal(int error) {
 WatchTable::WatchTable(const Framework::Clock& clock) : buffer_(kBufferSize), clock_(clock) {
     fd_ = inotify_init1(IN_NONBLOCK | IN_CLOEXEC);
     if (fd_ < 0) {
-        TW_LOG(Logger(), PRIO_ERROR, "File notify: inotify instance not created: %s",
+        TW_LOG(FileNotifyLogger(), PRIO_ERROR, "File notify: inotify instance not created: %s",
                std::string(strerror(errno)));
     }
 }
@@ -119,7 +116,7 @@ bool WatchTable::Add(const std::string& path, const std::string& requester, uint
     else if (nodes_.count(path) == 0 && nodes_.size() >= kMaxPaths)
         refusal = "too many paths";
     if (refusal != nullptr) {
-        TW_DEGRADED(gRefused, 1, Logger(), PRIO_WARNING,
+        TW_DEGRADED(gRefused, 1, FileNotifyLogger(), PRIO_WARNING,
                     "File notify: watch on %s for %s refused: %s", path, requester,
                     std::string(refusal));
         return false;
@@ -142,7 +139,7 @@ bool WatchTable::Add(const std::string& path, const std::string& requester, uint
                             [&](const Subscriber& s) { return s.requester == requester; });
     if (sub == node.subscribers.end()) {
         if (node.subscribers.size() >= kMaxRequestersPerPath) {
-            TW_DEGRADED(gRefused, 1, Logger(), PRIO_WARNING,
+            TW_DEGRADED(gRefused, 1, FileNotifyLogger(), PRIO_WARNING,
                         "File notify: watch on %s for %s refused: %z requesters", path, requester,
                         node.subscribers.size());
             return false;
@@ -154,8 +151,9 @@ bool WatchTable::Add(const std::string& path, const std::string& requester, uint
     sub->mask = mask;
     sub->options = options;
     Rearm(node);
-    TW_LOG(Logger(), PRIO_DEBUG, "File notify: %s watches %s (mask %u, extra %lu)", requester, path,
-           static_cast<unsigned int>(mask), static_cast<unsigned long>(options.extParm));
+    TW_LOG(FileNotifyLogger(), PRIO_DEBUG, "File notify: %s watches %s (mask %u, extra %lu)",
+           requester, path, static_cast<unsigned int>(mask),
+           static_cast<unsigned long>(options.extParm));
     return true;
 }
 
@@ -175,12 +173,13 @@ bool WatchTable::Remove(const std::string& path, const std::string& requester) {
                 for (int wd : gone.chain) Release(wd, path);
                 nodes_.erase(node);
             }
-            TW_LOG(Logger(), PRIO_DEBUG, "File notify: %s no longer watches %s", requester, path);
+            TW_LOG(FileNotifyLogger(), PRIO_DEBUG, "File notify: %s no longer watches %s",
+                   requester, path);
             return true;
         }
     }
-    TW_LOG(Logger(), PRIO_WARNING, "File notify: remove of %s for %s ignored: no such watch", path,
-           requester);
+    TW_LOG(FileNotifyLogger(), PRIO_WARNING,
+           "File notify: remove of %s for %s ignored: no such watch", path, requester);
     return false;
 }
 
@@ -190,7 +189,7 @@ void WatchTable::ReadEvents(std::vector<WatchNotification>& out) {
         const ssize_t n = read(fd_, buffer_.data(), buffer_.size());
         if (n < 0 && errno == EINTR) continue;
         if (n < 0 && errno != EAGAIN) {
-            TW_LOG(Logger(), PRIO_ERROR, "File notify: inotify read failed: %s",
+            TW_LOG(FileNotifyLogger(), PRIO_ERROR, "File notify: inotify read failed: %s",
                    std::string(strerror(errno)));
         }
         if (n <= 0) return;
@@ -198,7 +197,7 @@ void WatchTable::ReadEvents(std::vector<WatchNotification>& out) {
         const auto records =
             DecodeInotifyEvents(buffer_.data(), static_cast<std::size_t>(n), &consumed);
         if (consumed != static_cast<std::size_t>(n)) {
-            TW_DEGRADED(gTruncated, 1, Logger(), PRIO_WARNING,
+            TW_DEGRADED(gTruncated, 1, FileNotifyLogger(), PRIO_WARNING,
                         "File notify: %z bytes of a truncated inotify record dropped",
                         static_cast<std::size_t>(n) - consumed);
         }
@@ -335,7 +334,7 @@ void WatchTable::Deliver(const Node& node, const std::string& child, uint32_t ma
                          std::vector<WatchNotification>& out) const {
     if (HasControlCharacter(child)) {
         // A name the container chose: passed on, it could forge lines in a requester's log.
-        TW_DEGRADED(gBadName, 1, Logger(), PRIO_WARNING,
+        TW_DEGRADED(gBadName, 1, FileNotifyLogger(), PRIO_WARNING,
                     "File notify: event in %s dropped: the child's name has control characters "
                     "(%z bytes)",
                     node.path, child.size());
@@ -401,16 +400,18 @@ WatchTable::Arming WatchTable::Rearm(Node& node, bool log) {
     a.replaced = a.before && a.after && oldSelf != node.selfWd;
     if (!log) return a;
     if (a.after) {
-        TW_LOG(Logger(), PRIO_DEBUG, "File notify: watch on %s armed on the file (wd %d)",
+        TW_LOG(FileNotifyLogger(), PRIO_DEBUG, "File notify: watch on %s armed on the file (wd %d)",
                node.path, node.selfWd);
     } else if (node.refused) {
-        TW_LOG(Logger(), PRIO_DEBUG, "File notify: watch on %s refused by the kernel (%s); retried",
-               node.path, std::string(strerror(error)));
+        TW_LOG(FileNotifyLogger(), PRIO_DEBUG,
+               "File notify: watch on %s refused by the kernel (%s); retried", node.path,
+               std::string(strerror(error)));
     } else if (chain.size() < n) {
-        TW_LOG(Logger(), PRIO_DEBUG, "File notify: watch on %s waits for %s in %s", node.path,
-               node.components[chain.size()], JoinFirst(node.components, chain.size()));
+        TW_LOG(FileNotifyLogger(), PRIO_DEBUG, "File notify: watch on %s waits for %s in %s",
+               node.path, node.components[chain.size()], JoinFirst(node.components, chain.size()));
     } else {
-        TW_LOG(Logger(), PRIO_DEBUG, "File notify: watch on %s waits for the file", node.path);
+        TW_LOG(FileNotifyLogger(), PRIO_DEBUG, "File notify: watch on %s waits for the file",
+               node.path);
     }
     return a;
 }
@@ -462,7 +463,7 @@ int WatchTable::Acquire(const Node& node, std::size_t depth, bool directory, uin
         return wd;
     }
     if (error != ENOENT && error != ENOTDIR) {
-        TW_DEGRADED(gWatchFailed, 1, Logger(), PRIO_WARNING,
+        TW_DEGRADED(gWatchFailed, 1, FileNotifyLogger(), PRIO_WARNING,
                     "File notify: cannot watch %s (%s in container %s): %s", node.path, inner,
                     node.scope->Label(), std::string(strerror(error)));
     }
@@ -487,7 +488,7 @@ void WatchTable::SetRefused(Node& node, bool refused, int error) {
     if (refused) {
         if (retryAtMs_ == 0) retryAtMs_ = clock_.NowMs() + retryDelayMs_;
         if (scope.refused++ != 0) return;
-        TW_DEGRADED(gGapOpened, 1, Logger(), PRIO_WARNING,
+        TW_DEGRADED(gGapOpened, 1, FileNotifyLogger(), PRIO_WARNING,
                     "File notify: coverage gap in %s: the kernel refuses watches (%s); %z of %z "
                     "paths watched, retrying",
                     scope.Label(), std::string(strerror(error)), scope.requested - scope.refused,
@@ -495,7 +496,7 @@ void WatchTable::SetRefused(Node& node, bool refused, int error) {
         return;
     }
     if (--scope.refused != 0) return;
-    TW_DEGRADED(gGapClosed, 1, Logger(), PRIO_INFORMATION,
+    TW_DEGRADED(gGapClosed, 1, FileNotifyLogger(), PRIO_INFORMATION,
                 "File notify: coverage gap in %s closed: %z of %z paths watched", scope.Label(),
                 scope.requested, scope.requested);
 }
@@ -535,8 +536,8 @@ void WatchTable::CheckLinks(std::vector<WatchNotification>& out) {
         if (a.before && !a.after) Deliver(node, "", IN_DELETE, out);
         if (a.replaced) Deliver(node, "", IN_MOVED_TO, out);
         if (a.before != a.after || a.replaced) {
-            TW_LOG(Logger(), PRIO_DEBUG, "File notify: watch on %s re-armed at the link's target",
-                   node.path);
+            TW_LOG(FileNotifyLogger(), PRIO_DEBUG,
+                   "File notify: watch on %s re-armed at the link's target", node.path);
         }
     }
 }
@@ -597,7 +598,7 @@ void WatchTable::DropKernelWatch(int wd, std::vector<WatchNotification>& out) {
 }
 
 void WatchTable::ReportOverflow() {
-    TW_DEGRADED(gOverflow, 1, Logger(), PRIO_WARNING,
+    TW_DEGRADED(gOverflow, 1, FileNotifyLogger(), PRIO_WARNING,
                 "File notify: inotify queue overflowed, events were lost; watches "
                 "re-synchronised (%lu overflows)",
                 static_cast<unsigned long>(gOverflow.Value() + 1));

@@ -9,6 +9,7 @@
 #include <fstream>
 #include <sstream>
 
+#include "sdk/FileUtils.h"
 #include "sdk/JsonUtils.h"
 
 namespace Engine {
@@ -16,14 +17,6 @@ namespace Engine {
 namespace {
 constexpr std::size_t kMaxLedgerBytes = 16 * 1024 * 1024;
 
-bool MakeParents(const std::string& path) {
-    for (std::size_t slash = path.find('/', 1); slash != std::string::npos;
-         slash = path.find('/', slash + 1)) {
-        const std::string dir = path.substr(0, slash);
-        if (::mkdir(dir.c_str(), 0750) != 0 && errno != EEXIST) return false;
-    }
-    return true;
-}
 }  // namespace
 
 std::string AuditRuleLedger::Format(const std::vector<AuditWatchRule>& rules) {
@@ -83,7 +76,7 @@ bool AuditRuleLedger::Load(std::vector<AuditWatchRule>& rules, std::string& erro
 }
 
 bool AuditRuleLedger::Save(const std::vector<AuditWatchRule>& rules, std::string& error) const {
-    if (!MakeParents(path_)) {
+    if (!SDK::FileUtils::MakeParentDirs(path_)) {
         error = "cannot create the directory of " + path_ + ": " + std::strerror(errno);
         return false;
     }

@@ -66,12 +66,12 @@ void DataCommReportTask::OnTurn(uint64_t) {
 
 namespace {
 std::atomic<uint64_t>& ClassCounter(const std::string& alarmClass) {
-    static std::atomic<uint64_t>& first =
-        Framework::Counters::Instance().Get(std::string(kAlarmClassCounter) + ".dockerfile_001");
-    static std::atomic<uint64_t>& second =
-        Framework::Counters::Instance().Get(std::string(kAlarmClassCounter) + ".dockerfile_002");
-    static std::atomic<uint64_t>& other =
-        Framework::Counters::Instance().Get(std::string(kAlarmClassCounter) + ".other");
+    static std::atomic<uint64_t>& first = Framework::Counters::Instance().Get(
+        std::string(Framework::CounterNames::kAlarmClass) + ".dockerfile_001");
+    static std::atomic<uint64_t>& second = Framework::Counters::Instance().Get(
+        std::string(Framework::CounterNames::kAlarmClass) + ".dockerfile_002");
+    static std::atomic<uint64_t>& other = Framework::Counters::Instance().Get(
+        std::string(Framework::CounterNames::kAlarmClass) + ".other");
     if (alarmClass == "dockerfile_001") return first;
     if (alarmClass == "dockerfile_002") return second;
     return other;

@@ -11,6 +11,7 @@
 
 #include "framework/DegradedCounter.h"
 #include "report/ReportLog.h"
+#include "sdk/FileUtils.h"
 #include "sdk/Log.h"
 
 namespace Report {
@@ -24,14 +25,7 @@ Framework::DegradedCounter gPartialLost("report.file.lost.partial_line", 0);
 Framework::DegradedCounter gReopened("report.file.reopened", 0);
 Framework::DegradedCounter gPartialLeft("report.file.partial_line_left");
 
-std::string ErrnoText(const std::string& what) { return what + ": " + std::strerror(errno); }
-
-void MakeParentDirs(const std::string& path) {
-    for (std::size_t pos = path.find('/', 1); pos != std::string::npos;
-         pos = path.find('/', pos + 1)) {
-        ::mkdir(path.substr(0, pos).c_str(), 0750);
-    }
-}
+using SDK::FileUtils;
 }  // namespace
 
 FileSink::FileSink(const std::string& path) : path_(path) {
@@ -52,12 +46,12 @@ bool FileSink::Open(std::string& error) {
         // A duplicate, so that making it non-blocking leaves the agent's own stdout alone.
         fd_ = ::fcntl(STDOUT_FILENO, F_DUPFD_CLOEXEC, 3);
     } else {
-        MakeParentDirs(path_);
+        FileUtils::MakeParentDirs(path_);
         // O_NONBLOCK: a FIFO without a reader must not stall the open.
         fd_ = ::open(path_.c_str(), O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC | O_NONBLOCK, 0640);
     }
     if (fd_ < 0) {
-        error = ErrnoText("cannot open " + path_);
+        error = FileUtils::ErrnoText("cannot open " + path_);
         return false;
     }
     const int flags = ::fcntl(fd_, F_GETFL);
@@ -114,7 +108,7 @@ DeliveryResult FileSink::WriteRegular(const std::string& data, std::size_t lines
     DeliveryResult result;
     struct stat st;
     if (::fstat(fd_, &st) != 0) {
-        result.error = ErrnoText("cannot stat " + path_);
+        result.error = FileUtils::ErrnoText("cannot stat " + path_);
         Close();
         return result;
     }
@@ -126,7 +120,7 @@ DeliveryResult FileSink::WriteRegular(const std::string& data, std::size_t lines
         result.delivered = lines;
         return result;
     }
-    result.error = n < 0 ? ErrnoText("cannot write " + path_)
+    result.error = n < 0 ? FileUtils::ErrnoText("cannot write " + path_)
                          : "short write to " + path_ + " (file system full?)";
     // Keep the whole lines a short write got in, take back the piece of the next one.
     const std::size_t written = n > 0 ? static_cast<std::size_t>(n) : 0;
@@ -135,7 +129,7 @@ DeliveryResult FileSink::WriteRegular(const std::string& data, std::size_t lines
     result.delivered =
         static_cast<std::size_t>(std::count(data.begin(), data.begin() + keep, '\n'));
     if (written > keep && ::ftruncate(fd_, st.st_size + static_cast<off_t>(keep)) != 0) {
-        result.error += "; " + ErrnoText("cannot take back the partial line");
+        result.error += "; " + FileUtils::ErrnoText("cannot take back the partial line");
         gPartialLeft.Add();
     }
     return result;
@@ -149,7 +143,7 @@ DeliveryResult FileSink::WriteStream(const std::string& data, std::size_t lines)
     } while (n < 0 && errno == EINTR);
     if (n < 0) {
         if (errno != EAGAIN) {
-            result.error = ErrnoText("cannot write " + path_);
+            result.error = FileUtils::ErrnoText("cannot write " + path_);
             Close();
         } else {
             result.error = path_ + " is not reading";
@@ -187,7 +181,7 @@ bool FileSink::FlushStreamRest(std::string& error) {
         }
         if (n < 0 && errno == EINTR) continue;
         if ((n < 0 && errno != EAGAIN) || waited >= deadline) {
-            error = n < 0 && errno != EAGAIN ? ErrnoText("cannot write " + path_)
+            error = n < 0 && errno != EAGAIN ? FileUtils::ErrnoText("cannot write " + path_)
                                              : path_ + " is not reading";
             return false;
         }

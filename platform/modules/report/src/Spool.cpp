@@ -14,6 +14,7 @@
 #include <cstdio>
 #include <cstring>
 
+#include "sdk/FileUtils.h"
 #include "sdk/JsonUtils.h"
 
 namespace Report {
@@ -31,16 +32,7 @@ constexpr std::size_t kMaxLineBytes = 1u << 20;
 constexpr uint64_t kTruncateAtBytes = 4u << 20;
 constexpr auto kCursorSaveEvery = std::chrono::milliseconds(200);
 
-std::string ErrnoText(const std::string& what) { return what + ": " + std::strerror(errno); }
-
-// mkdir -p, mode 0750.
-bool MakeDirs(const std::string& path) {
-    for (std::size_t pos = path.find('/', 1);; pos = path.find('/', pos + 1)) {
-        const std::string part = path.substr(0, pos);
-        if (::mkdir(part.c_str(), 0750) != 0 && errno != EEXIST) return false;
-        if (pos == std::string::npos) return true;
-    }
-}
+using SDK::FileUtils;
 
 bool ParseSegmentName(const char* name, uint64_t& seq) {
     const std::size_t len = std::strlen(name);
@@ -81,7 +73,7 @@ bool Spool::Lock(std::string& error) {
     const std::string path = dir_ + "/lock";
     lockFd_ = ::open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0640);
     if (lockFd_ < 0) {
-        error = ErrnoText("cannot open " + path);
+        error = FileUtils::ErrnoText("cannot open " + path);
         return false;
     }
     if (::flock(lockFd_, LOCK_EX | LOCK_NB) != 0) {
@@ -105,8 +97,8 @@ std::string Spool::SegmentPath(uint64_t seq) const {
 
 bool Spool::Open(std::string& error) {
     std::lock_guard<std::mutex> lock(mutex_);
-    if (!MakeDirs(dir_)) {
-        error = ErrnoText("cannot create spool directory " + dir_);
+    if (!FileUtils::MakeDirs(dir_)) {
+        error = FileUtils::ErrnoText("cannot create spool directory " + dir_);
         lastError_ = error;
         return false;
     }
@@ -120,7 +112,7 @@ bool Spool::Open(std::string& error) {
 bool Spool::Recover(std::string& error) {
     DIR* dir = ::opendir(dir_.c_str());
     if (dir == nullptr) {
-        error = ErrnoText("cannot read spool directory " + dir_);
+        error = FileUtils::ErrnoText("cannot read spool directory " + dir_);
         return false;
     }
     std::vector<Segment> found;
@@ -152,7 +144,8 @@ bool Spool::Recover(std::string& error) {
     if (cursor.seq != segments_.front().seq) cursor = {segments_.front().seq, 0};
     read_ = cursor;
     if (!CutPartialTail()) {
-        error = ErrnoText("cannot repair spool segment " + SegmentPath(segments_.back().seq));
+        error = FileUtils::ErrnoText("cannot repair spool segment " +
+                                     SegmentPath(segments_.back().seq));
         return false;
     }
     if (read_.seq == segments_.back().seq)
@@ -196,7 +189,7 @@ bool Spool::OpenTail(std::string& error) {
     const std::string path = SegmentPath(segments_.back().seq);
     tailFd_ = ::open(path.c_str(), O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC, 0640);
     if (tailFd_ < 0) {
-        error = ErrnoText("cannot open spool segment " + path);
+        error = FileUtils::ErrnoText("cannot open spool segment " + path);
         return false;
     }
     return true;
@@ -276,11 +269,11 @@ Spool::BatchResult Spool::AppendBatch(const std::vector<std::string>& lines) {
         result.kept = carried;
         return result;
     }
-    lastError_ = n < 0 ? ErrnoText("cannot append to " + SegmentPath(tail.seq))
+    lastError_ = n < 0 ? FileUtils::ErrnoText("cannot append to " + SegmentPath(tail.seq))
                        : "short write to " + SegmentPath(tail.seq) + " (disk full?)";
     // Take back a short write so that the segment keeps whole lines only.
     if (n > 0 && ::ftruncate(tailFd_, static_cast<off_t>(tail.size)) != 0) {
-        lastError_ += "; " + ErrnoText("cannot cut the partial line");
+        lastError_ += "; " + FileUtils::ErrnoText("cannot cut the partial line");
     }
     result.failed = carried;
     return result;
@@ -303,7 +296,7 @@ bool Spool::ReadLine(Position& at, std::string& line, bool& corrupt) {
         readFd_ = ::open(SegmentPath(at.seq).c_str(), O_RDONLY | O_CLOEXEC);
         readFdSeq_ = at.seq;
         if (readFd_ < 0) {
-            lastError_ = ErrnoText("cannot read " + SegmentPath(at.seq));
+            lastError_ = FileUtils::ErrnoText("cannot read " + SegmentPath(at.seq));
             return false;
         }
     }
@@ -414,13 +407,13 @@ void Spool::SaveCursor() {
         std::snprintf(text, sizeof(text), "%" PRIu64 " %" PRIu64 "\n", read_.seq, read_.offset);
     const int fd = ::open(tmp.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0640);
     if (fd < 0) {
-        lastError_ = ErrnoText("cannot write " + tmp);
+        lastError_ = FileUtils::ErrnoText("cannot write " + tmp);
         return;
     }
     const bool written = ::write(fd, text, static_cast<size_t>(len)) == len;
     ::close(fd);
     if (!written || ::rename(tmp.c_str(), path.c_str()) != 0) {
-        lastError_ = ErrnoText("cannot record the spool cursor in " + path);
+        lastError_ = FileUtils::ErrnoText("cannot record the spool cursor in " + path);
     }
 }
 

@@ -20,6 +20,13 @@ public:
     static int OpenPathNoFollow(const std::string& path);
     /// Opens the inode that the O_PATH descriptor `pathFd` holds for reading; fd or -1.
     static int ReopenForRead(int pathFd);
+    /// Creates `dir` and the directories above it that are missing (mode 0750, like mkdir -p);
+    /// false with errno set when one cannot be made.
+    static bool MakeDirs(const std::string& dir);
+    /// MakeDirs for the directory `path` lies in.
+    static bool MakeParentDirs(const std::string& path);
+    /// "<what>: <strerror(errno)>", for errors that name the failing call's subject.
+    static std::string ErrnoText(const std::string& what);
 };
 
 }  // namespace SDK

@@ -42,7 +42,4 @@ private:
 /// reader of JSON Lines never sees a document split in two.
 std::string ToSingleLine(const std::string& document);
 
-/// Counter prefix of the alarms received per class ("<prefix>.<class>").
-constexpr const char* kAlarmClassCounter = "report.alarms.class";
-
 }  // namespace Report
