@@ -113,15 +113,12 @@ bool MetricsServer::Start(const std::string& address, uint16_t port, std::string
 }
 
 void MetricsServer::Stop() {
-    if (server_) {
-        // Closes the socket and waits for the requests in progress.
-        server_->stopAll(true);
-        server_.reset();
-    }
-    if (pool_) {
-        pool_->joinAll();
-        pool_.reset();
-    }
+    // Closes the socket and aborts the requests in progress; their threads still unregister
+    // from the server's factory as they end, so the server goes only once they have.
+    if (server_) server_->stopAll(true);
+    if (pool_) pool_->joinAll();
+    server_.reset();
+    pool_.reset();
 }
 
 uint16_t MetricsServer::Port() const { return server_ ? server_->port() : 0; }
