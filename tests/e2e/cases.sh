@@ -38,14 +38,14 @@ user_alarm() {  # user_alarm CONTAINER PATH OP
   echo ".event_classid == \"dockerfile_001\" and .container_name == \"$1\" and .file_info[0].file_path == \"$2\" and .file_info[0].file_operation == $3"
 }
 
-# arm_probe CONTAINER: appends to /etc/passwd until its modify alarm arrives, which proves the
-# watches requested before it are in place.
+# arm_probe CONTAINER [FILE]: appends to FILE (/etc/passwd) until its modify alarm arrives,
+# which proves the watches requested before it (or FILE's own, once it was created) are in place.
 arm_probe() {
-  local c=$1 deadline=$((SECONDS + 30))
-  while ! has_alarm "$(ALARMS)" "$(user_alarm "$c" /etc/passwd 2)"; do
+  local c=$1 file=${2:-/etc/passwd} deadline=$((SECONDS + 30))
+  while ! has_alarm "$(ALARMS)" "$(user_alarm "$c" "$file" 2)"; do
     [ "$SECONDS" -lt "$deadline" ] || { fail "watches of $c never armed"; return 1; }
-    cexec "$c" 'echo "probe:x:1:1::/:/bin/false" >> /etc/passwd'
-    wait_for 2 has_alarm "$(ALARMS)" "$(user_alarm "$c" /etc/passwd 2)" || true
+    cexec "$c" "echo 'probe:x:1:1::/:/bin/false' >> $file"
+    wait_for 2 has_alarm "$(ALARMS)" "$(user_alarm "$c" "$file" 2)" || true
   done
 }
 
