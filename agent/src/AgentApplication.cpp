@@ -11,6 +11,7 @@
 #include <Poco/Util/OptionCallback.h>
 #include <Poco/Util/OptionSet.h>
 #include <Poco/Util/PropertyFileConfiguration.h>
+#include <malloc.h>
 #include <pthread.h>
 #include <signal.h>
 #include <sys/stat.h>
@@ -47,6 +48,7 @@
 namespace Agent {
 
 namespace {
+constexpr auto kTrimEvery = std::chrono::seconds(10);
 const char* const kDefaultConfig = "/usr/local/tarnwick/etc/agent.properties";
 
 // Settings every module may read, with their defaults.
@@ -460,9 +462,16 @@ int AgentApplication::main(const std::vector<std::string>& args) {
     const int64_t statusEveryS = SDK::ConfigUtils::GetInt("status.interval_s", 60);
     std::thread watcher([&] {
         auto lastStatus = std::chrono::steady_clock::now();
+        auto lastTrim = lastStatus;
         while (!stop.WaitFor(scanEvery)) {
             if (HangupSignal::Take()) ReopenLog();
             DeliverPolicies(policies, loader);
+            // What bursts (containers starting, storms) allocated and freed again goes back to
+            // the system instead of staying in the allocator's free lists.
+            if (std::chrono::steady_clock::now() - lastTrim >= kTrimEvery) {
+                malloc_trim(0);
+                lastTrim = std::chrono::steady_clock::now();
+            }
             if (statusEveryS > 0 && std::chrono::steady_clock::now() - lastStatus >=
                                         std::chrono::seconds(statusEveryS)) {
                 LogCounters();
