@@ -1,6 +1,6 @@
 // Any text through the JSON helpers: parsing never throws or recurses without bound, and what
 // JsonToString writes (an alarm is one line of it) is one line that parses again, and the
-// same text JsonCpp's own writer gives.
+// same text JsonCpp's own writer gives; what IsJsonObject takes, JsonCpp reads as an object.
 #include <algorithm>
 #include <cstddef>
 #include <cstdint>
@@ -25,9 +25,20 @@ void Accessors(const Json::Value& value) {
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, std::size_t size) {
+    const std::string text(reinterpret_cast<const char*>(data), size);
+    std::string classId;
+    const bool object = SDK::JsonUtils::IsJsonObject(text, "event_classid", &classId);
     Json::Value value;
     if (SDK::JsonUtils::ParseJsonStr(reinterpret_cast<const char*>(data), size, value) != 0) {
+        // What the strict scan takes, JsonCpp reads too, unless nested past its stack limit.
+        const auto opens =
+            std::count(text.begin(), text.end(), '[') + std::count(text.begin(), text.end(), '{');
+        FUZZ_CHECK(!object || opens >= SDK::JsonUtils::kMaxDepth - 2);
         return 0;
+    }
+    FUZZ_CHECK(!object || value.isObject());
+    if (object && value["event_classid"].isString() && classId.find('\\') == std::string::npos) {
+        FUZZ_CHECK(value["event_classid"].asString() == classId);
     }
     Accessors(value);
     const std::string line = SDK::JsonUtils::JsonToString(value);

@@ -5,6 +5,7 @@
 #include <cstring>
 #include <exception>
 #include <memory>
+#include <system_error>
 
 namespace SDK {
 
@@ -237,6 +238,211 @@ void AppendValue(std::string& out, const Json::Value& value) {
     }
 }
 
+// A strict JSON scanner that builds nothing: each method consumes one construct at pos_.
+class ObjectScanner {
+public:
+    ObjectScanner(const std::string& text, const char* member, std::string* memberText)
+        : p_(reinterpret_cast<const unsigned char*>(text.data())),
+          end_(p_ + text.size()),
+          member_(member),
+          memberLength_(member != nullptr ? std::strlen(member) : 0),
+          memberText_(memberText) {}
+
+    bool Document() {
+        SkipSpace();
+        if (!Object(1, true)) return false;
+        SkipSpace();
+        return p_ == end_;
+    }
+
+private:
+    bool At(unsigned char c) const { return p_ < end_ && *p_ == c; }
+    void SkipSpace() {
+        while (p_ < end_ && (*p_ == ' ' || *p_ == '\t' || *p_ == '\n' || *p_ == '\r')) ++p_;
+    }
+
+    bool Value(int depth) {
+        if (p_ == end_) return false;
+        switch (*p_) {
+            case '{':
+                return depth < JsonUtils::kMaxDepth && Object(depth + 1, false);
+            case '[':
+                return depth < JsonUtils::kMaxDepth && Array(depth + 1);
+            case '"':
+                return String(nullptr);
+            case 't':
+                return Word("true");
+            case 'f':
+                return Word("false");
+            case 'n':
+                return Word("null");
+            default:
+                return Number();
+        }
+    }
+
+    bool Object(int depth, bool top) {
+        if (!At('{')) return false;
+        ++p_;
+        SkipSpace();
+        if (At('}')) {
+            ++p_;
+            return true;
+        }
+        for (;;) {
+            const unsigned char* name = p_ + 1;
+            if (!String(nullptr)) return false;
+            const auto nameLength = static_cast<std::size_t>(p_ - 1 - name);
+            const bool wanted = top && member_ != nullptr && nameLength == memberLength_ &&
+                                std::memcmp(name, member_, nameLength) == 0;
+            SkipSpace();
+            if (!At(':')) return false;
+            ++p_;
+            SkipSpace();
+            if (wanted && At('"')) {
+                if (!String(memberText_)) return false;
+            } else if (!Value(depth)) {
+                return false;
+            }
+            SkipSpace();
+            if (At('}')) {
+                ++p_;
+                return true;
+            }
+            if (!At(',')) return false;
+            ++p_;
+            SkipSpace();
+        }
+    }
+
+    bool Array(int depth) {
+        ++p_;  // '['
+        SkipSpace();
+        if (At(']')) {
+            ++p_;
+            return true;
+        }
+        for (;;) {
+            if (!Value(depth)) return false;
+            SkipSpace();
+            if (At(']')) {
+                ++p_;
+                return true;
+            }
+            if (!At(',')) return false;
+            ++p_;
+            SkipSpace();
+        }
+    }
+
+    // Four hex digits at p_ as a number, or -1.
+    long Hex4() {
+        if (end_ - p_ < 4) return -1;
+        long value = 0;
+        for (int i = 0; i < 4; ++i) {
+            const unsigned char c = p_[i];
+            const int digit = c >= '0' && c <= '9'   ? c - '0'
+                              : c >= 'a' && c <= 'f' ? c - 'a' + 10
+                              : c >= 'A' && c <= 'F' ? c - 'A' + 10
+                                                     : -1;
+            if (digit < 0) return -1;
+            value = value * 16 + digit;
+        }
+        p_ += 4;
+        return value;
+    }
+
+    // After "\u": a code unit, and its low half when it is a high surrogate.
+    bool UnicodeEscape() {
+        const long unit = Hex4();
+        if (unit < 0 || (unit >= 0xDC00 && unit <= 0xDFFF)) return false;
+        if (unit < 0xD800 || unit > 0xDBFF) return true;
+        if (end_ - p_ < 2 || p_[0] != '\\' || p_[1] != 'u') return false;
+        p_ += 2;
+        const long low = Hex4();
+        return low >= 0xDC00 && low <= 0xDFFF;
+    }
+
+    bool String(std::string* capture) {
+        if (!At('"')) return false;
+        const unsigned char* start = ++p_;
+        while (p_ < end_) {
+            const unsigned char c = *p_;
+            if (c == '"') {
+                if (capture != nullptr) {
+                    capture->assign(reinterpret_cast<const char*>(start),
+                                    static_cast<std::size_t>(p_ - start));
+                }
+                ++p_;
+                return true;
+            }
+            if (c < 0x20) return false;
+            if (c == '\\') {
+                if (++p_ == end_) return false;
+                const unsigned char e = *p_++;
+                if (e == 'u') {
+                    if (!UnicodeEscape()) return false;
+                } else if (std::strchr("\"\\/bfnrt", e) == nullptr || e == 0) {
+                    return false;
+                }
+                continue;
+            }
+            const std::size_t length = Utf8SequenceAt(p_, end_);
+            if (length == 0) return false;
+            p_ += length;
+        }
+        return false;
+    }
+
+    bool Digits() {
+        const unsigned char* start = p_;
+        while (p_ < end_ && *p_ >= '0' && *p_ <= '9') ++p_;
+        return p_ > start;
+    }
+
+    bool Number() {
+        const unsigned char* start = p_;
+        if (At('-')) ++p_;
+        if (At('0')) {
+            ++p_;
+        } else if (!Digits()) {
+            return false;
+        }
+        bool plainInteger = true;
+        if (At('.')) {
+            ++p_;
+            if (!Digits()) return false;
+            plainInteger = false;
+        }
+        if (At('e') || At('E')) {
+            ++p_;
+            if (At('+') || At('-')) ++p_;
+            if (!Digits()) return false;
+            plainInteger = false;
+        }
+        if (plainInteger) return true;  // any length: read as a double at worst, never out of range
+        double value = 0;
+        const auto result = std::from_chars(reinterpret_cast<const char*>(start),
+                                            reinterpret_cast<const char*>(p_), value);
+        return result.ec == std::errc();
+    }
+
+    bool Word(const char* word) {
+        const std::size_t length = std::strlen(word);
+        if (static_cast<std::size_t>(end_ - p_) < length || std::memcmp(p_, word, length) != 0) {
+            return false;
+        }
+        p_ += length;
+        return true;
+    }
+
+    const unsigned char* p_;
+    const unsigned char* const end_;
+    const char* const member_;
+    const std::size_t memberLength_;
+    std::string* const memberText_;
+};
+
 std::unique_ptr<Json::CharReader> MakeReader() {
     Json::CharReaderBuilder builder;
     builder["collectComments"] = false;
@@ -264,6 +470,10 @@ int JsonUtils::ParseJsonStr(const char* text, unsigned long len, Json::Value& ou
 
 int JsonUtils::ParseJsonStr(const std::string& text, Json::Value& out) {
     return ParseJsonStr(text.data(), text.size(), out);
+}
+
+bool JsonUtils::IsJsonObject(const std::string& text, const char* member, std::string* memberText) {
+    return ObjectScanner(text, member, memberText).Document();
 }
 
 std::string JsonUtils::JsonToString(const Json::Value& value) {

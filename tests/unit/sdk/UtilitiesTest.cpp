@@ -118,6 +118,63 @@ TEST(Json, WrittenExactlyAsJsonCppWritesValidText) {
     EXPECT_EQ(SDK::JsonUtils::JsonToString(Json::Value("scalar")), "\"scalar\"");
 }
 
+// The report task's check of every alarm: strict JSON, one object, nothing built.
+TEST(Json, OnlyOneStrictJsonObjectIsTakenForAnObject) {
+    const std::string nest64 = std::string(63, '[') + std::string(63, ']');
+    const std::string nest65 = std::string(64, '[') + std::string(64, ']');
+    const struct {
+        std::string text;
+        bool object;
+    } cases[] = {
+        {R"({})", true},
+        {" \t\r\n{ \"a\" : [ 1 , -0.5e+3 , 1E2 , 0 , true , false , null ] } \n", true},
+        {R"({"a":{"a":1},"a":2})", true},  // duplicate names: JSON allows them
+        {R"({"n":123456789012345678901234567890})", true},
+        {R"({"s":"\"\\\/\b\f\n\r\t\u00e9\ud83d\ude00"})", true},
+        {"{\"s\":\"\xC3\xA9\xF0\x9F\x98\x80\"}", true},
+        {"{\"a\":" + nest64 + "}", true},
+        {"{\"a\":" + nest65 + "}", false},
+        {R"([])", false},
+        {R"("text")", false},
+        {R"({} {})", false},
+        {R"({"a":1,})", false},
+        {R"({"a" 1})", false},
+        {R"({a:1})", false},
+        {R"({'a':1})", false},
+        {R"({"a":01})", false},
+        {R"({"a":1.})", false},
+        {R"({"a":.5})", false},
+        {R"({"a":-})", false},
+        {R"({"a":1e})", false},
+        {R"({"a":1e999})", false},
+        {R"({"a":+1})", false},
+        {R"({"a":tru})", false},
+        {R"({"a":"\x41"})", false},
+        {R"({"a":"\ud800"})", false},
+        {R"({"a":"\udc00"})", false},
+        {R"({"a":"\ud800\u0041"})", false},
+        {R"({"a":"\u12G4"})", false},
+        {"{\"a\":\"tab\there\"}", false},
+        {"{\"a\":\"\xC0\xAF\"}", false},
+        {"{\"a\":\"\xED\xA0\x80\"}", false},
+        {std::string("{\"a\":\"\0\"}", 7), false},
+        {"{/*c*/}", false},
+        {"{\"a\":1", false},
+        {"{\"a\":\"", false},
+        {"", false},
+    };
+    for (const auto& c : cases) EXPECT_EQ(SDK::JsonUtils::IsJsonObject(c.text), c.object) << c.text;
+
+    std::string cls = "unset";
+    EXPECT_TRUE(SDK::JsonUtils::IsJsonObject(
+        R"({"x":{"event_classid":"inner"},"event_classid":"dockerfile_001"})", "event_classid",
+        &cls));
+    EXPECT_EQ(cls, "dockerfile_001");
+    cls = "unset";
+    EXPECT_TRUE(SDK::JsonUtils::IsJsonObject(R"({"event_classid":7})", "event_classid", &cls));
+    EXPECT_EQ(cls, "unset") << "only a string is captured";
+}
+
 // Found by fuzzing: names that differ only in bytes that are not UTF-8 become alike once
 // written, and their order changes; the text must still read back to itself.
 TEST(Json, NamesThatBecomeAlikeWhenWrittenAreOneMemberInTheirWrittenOrder) {

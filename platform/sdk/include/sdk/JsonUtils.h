@@ -15,6 +15,13 @@ public:
     /// deeper than kMaxDepth, trailing garbage). Never throws.
     static int ParseJsonStr(const char* text, unsigned long len, Json::Value& out);
     static int ParseJsonStr(const std::string& text, Json::Value& out);
+    /// True when `text` is exactly one JSON object, checked without building it: strict JSON
+    /// (no comments, nothing after it, strings of valid UTF-8 without raw control characters
+    /// or unpaired surrogate escapes, numbers a double can hold, nesting at most kMaxDepth).
+    /// When `member` is given and the object has a top-level string member of that name,
+    /// `memberText` receives the string as written between its quotes. Never throws.
+    static bool IsJsonObject(const std::string& text, const char* member = nullptr,
+                             std::string* memberText = nullptr);
     /// Compact one-line JSON text.
     static std::string JsonToString(const Json::Value& value);
 
