@@ -173,7 +173,8 @@ case_parent_directory_moved() {
   before=$(count_alarms "$c" /srv/app/conf/app.conf 2)
   cexec "$c" 'echo five >> /srv/app/conf/app.conf'
   expect_more "the swapped-in tree is followed" "$c" /srv/app/conf/app.conf 2 "$before"
-  grep -q "watch on .*/srv/app/conf/app.conf armed on the file" "$WORK/agent.log" || fail "no re-arm logged"
+  wait_for 5 grep -q "watch on .*/srv/app/conf/app.conf armed on the file" "$WORK/agent.log" ||
+    fail "no re-arm logged"
 }
 
 case_watch_limit_recovers() {
