@@ -57,6 +57,10 @@ sed 's/^status.interval_s *=.*//' "$TARNWICK_PREFIX/etc/agent.properties" > "$WO
 echo "status.interval_s = 5" >> "$WORK/agent.properties"
 write_policy "$WORK/policy.d" tarnwick/busybox-bench true "${paths[@]}"
 AGENT_CONFIG=$WORK/agent.properties agent_start "$WORK"
+if [ -n "${HEAP_PROFILE:-}" ]; then  # heaptrack attached from here on; read with heaptrack_print
+  heaptrack -o "$HEAP_PROFILE" -p "$AGENT_PID" > "$WORK/heaptrack.out" 2>&1 &
+  wait_for 30 grep -q 'heaptrack output will be written' "$WORK/heaptrack.out" || true
+fi
 wait_for 10 grep -q "Policy .* delivered" "$WORK/agent.log" || true
 watches_idle=$(inotify_watches)
 rss_idle=$(rss_kb)

@@ -22,6 +22,17 @@ namespace {
 constexpr std::size_t kBufferSize = 64 * 1024;
 constexpr int kMaxReadsPerCall = 8;  // leaves the task time for its message queue in a flood
 constexpr uint64_t kWarnIntervalMs = 10000;
+
+// The paths using one kernel watch, each once, in path order. Nodes are erased only by
+// Remove, never while events are handled, so the pointers stay valid meanwhile.
+template <typename Users>
+std::vector<const std::string*> DistinctUsers(const Users& users) {
+    std::vector<const std::string*> paths;
+    for (const std::string* path : users) {
+        if (paths.empty() || paths.back() != path) paths.push_back(path);
+    }
+    return paths;
+}
 constexpr uint32_t kDirectoryChanges = IN_CREATE | IN_MOVED_TO | IN_DELETE | IN_MOVED_FROM;
 constexpr uint32_t kAnchorMask = kDirectoryChanges | IN_DELETE_SELF | IN_MOVE_SELF | IN_ONLYDIR;
 Framework::DegradedCounter gOverflow("filenotify.inotify.overflow", kWarnIntervalMs);
@@ -121,8 +132,9 @@ bool WatchTable::Add(const std::string& path, const std::string& requester, uint
                     std::string(refusal));
         return false;
     }
-    Node& node = nodes_[path];
-    node.path = path;
+    auto slot = nodes_.try_emplace(path).first;
+    Node& node = slot->second;
+    node.key = &slot->first;
     std::string inner;
     auto scope = WatchScope::ForPath(path, inner, scopes_);
     if (node.scope != scope) {
@@ -169,8 +181,8 @@ bool WatchTable::Remove(const std::string& path, const std::string& requester) {
                 Node& gone = node->second;
                 --gone.scope->requested;
                 SetRefused(gone, false, 0);
-                Release(gone.selfWd, path);
-                for (int wd : gone.chain) Release(wd, path);
+                Release(gone.selfWd, gone.key);
+                for (int wd : gone.chain) Release(wd, gone.key);
                 nodes_.erase(node);
             }
             TW_LOG(FileNotifyLogger(), PRIO_DEBUG, "File notify: %s no longer watches %s",
@@ -229,9 +241,8 @@ void WatchTable::HandleRecords(const std::vector<InotifyRecord>& records,
             DropKernelWatch(r.wd, out);
             continue;
         }
-        const std::set<std::string> paths(users->second.begin(), users->second.end());
-        for (const auto& path : paths) {
-            auto it = nodes_.find(path);
+        for (const std::string* path : DistinctUsers(users->second)) {
+            auto it = nodes_.find(*path);
             if (it == nodes_.end()) continue;
             Node& node = it->second;
             if (node.selfWd == r.wd) {
@@ -337,11 +348,11 @@ void WatchTable::Deliver(const Node& node, const std::string& child, uint32_t ma
         TW_DEGRADED(gBadName, 1, FileNotifyLogger(), PRIO_WARNING,
                     "File notify: event in %s dropped: the child's name has control characters "
                     "(%z bytes)",
-                    node.path, child.size());
+                    node.Path(), child.size());
         return;
     }
     const uint32_t bits = mask & IN_ALL_EVENTS;
-    const std::string path = child.empty() ? node.path : node.path + "/" + child;
+    const std::string path = child.empty() ? node.Path() : node.Path() + "/" + child;
     for (const auto& sub : node.subscribers) {
         uint32_t m = mask;
         if ((bits & sub.mask) == 0) {
@@ -358,7 +369,7 @@ void WatchTable::Deliver(const Node& node, const std::string& child, uint32_t ma
         WatchNotification n;
         n.requester = sub.requester;
         n.path = path;
-        n.watchPath = node.path;
+        n.watchPath = node.Path();
         n.mask = m;
         n.extParm = sub.options.extParm;
         out.push_back(std::move(n));
@@ -393,25 +404,26 @@ WatchTable::Arming WatchTable::Rearm(Node& node, bool log) {
     node.selfWd = self < 0 ? -1 : self;
     node.chain = chain;
     node.viaLink = chain.size() == n && n > 0 && IsLink(node);
-    Release(oldSelf, node.path);
-    for (int wd : oldChain) Release(wd, node.path);
+    Release(oldSelf, node.key);
+    for (int wd : oldChain) Release(wd, node.key);
     SetRefused(node, IsRefusal(error), error);
     a.after = node.selfWd >= 0;
     a.replaced = a.before && a.after && oldSelf != node.selfWd;
     if (!log) return a;
     if (a.after) {
         TW_LOG(FileNotifyLogger(), PRIO_DEBUG, "File notify: watch on %s armed on the file (wd %d)",
-               node.path, node.selfWd);
+               node.Path(), node.selfWd);
     } else if (node.refused) {
         TW_LOG(FileNotifyLogger(), PRIO_DEBUG,
-               "File notify: watch on %s refused by the kernel (%s); retried", node.path,
+               "File notify: watch on %s refused by the kernel (%s); retried", node.Path(),
                std::string(strerror(error)));
     } else if (chain.size() < n) {
         TW_LOG(FileNotifyLogger(), PRIO_DEBUG, "File notify: watch on %s waits for %s in %s",
-               node.path, node.components[chain.size()], JoinFirst(node.components, chain.size()));
+               node.Path(), node.components[chain.size()],
+               JoinFirst(node.components, chain.size()));
     } else {
         TW_LOG(FileNotifyLogger(), PRIO_DEBUG, "File notify: watch on %s waits for the file",
-               node.path);
+               node.Path());
     }
     return a;
 }
@@ -459,18 +471,18 @@ int WatchTable::Acquire(const Node& node, std::size_t depth, bool directory, uin
         if (wd < 0) error = errno;
     }
     if (error == 0) {
-        users_[wd].insert(node.path);
+        users_[wd].insert(node.key);
         return wd;
     }
     if (error != ENOENT && error != ENOTDIR) {
         TW_DEGRADED(gWatchFailed, 1, FileNotifyLogger(), PRIO_WARNING,
-                    "File notify: cannot watch %s (%s in container %s): %s", node.path, inner,
+                    "File notify: cannot watch %s (%s in container %s): %s", node.Path(), inner,
                     node.scope->Label(), std::string(strerror(error)));
     }
     return -error;
 }
 
-void WatchTable::Release(int wd, const std::string& user) {
+void WatchTable::Release(int wd, const std::string* user) {
     if (wd < 0) return;
     auto it = users_.find(wd);
     if (it == users_.end()) return;
@@ -537,7 +549,7 @@ void WatchTable::CheckLinks(std::vector<WatchNotification>& out) {
         if (a.replaced) Deliver(node, "", IN_MOVED_TO, out);
         if (a.before != a.after || a.replaced) {
             TW_LOG(FileNotifyLogger(), PRIO_DEBUG,
-                   "File notify: watch on %s re-armed at the link's target", node.path);
+                   "File notify: watch on %s re-armed at the link's target", node.Path());
         }
     }
 }
@@ -582,10 +594,10 @@ WatchTable::Coverage WatchTable::CoverageNumbers() const {
 void WatchTable::DropKernelWatch(int wd, std::vector<WatchNotification>& out) {
     auto it = users_.find(wd);
     if (it == users_.end()) return;
-    const std::set<std::string> paths(it->second.begin(), it->second.end());
+    const std::vector<const std::string*> paths = DistinctUsers(it->second);
     users_.erase(it);  // the kernel dropped it already
-    for (const auto& path : paths) {
-        auto node = nodes_.find(path);
+    for (const std::string* path : paths) {
+        auto node = nodes_.find(*path);
         if (node == nodes_.end()) continue;
         const bool wasArmed = node->second.selfWd >= 0;
         if (node->second.selfWd == wd) node->second.selfWd = -1;

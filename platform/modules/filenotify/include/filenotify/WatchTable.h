@@ -113,7 +113,7 @@ private:
         _FileNotifyOpt options;
     };
     struct Node {
-        std::string path;                     // as requested
+        const std::string* key = nullptr;     // the path as requested: its key in nodes_
         std::shared_ptr<WatchScope> scope;    // where it is looked up
         std::vector<std::string> components;  // non-empty parts of the path inside the scope
         std::vector<Subscriber> subscribers;
@@ -123,7 +123,15 @@ private:
         bool refused = false;    // the kernel refused one of its watches: retried by Tick
         bool viaLink = false;    // the path itself is a link: looked up again by Tick
         bool deletionReported = false;  // by the file's event; the directory's is still due
+
+        const std::string& Path() const { return *key; }
     };
+    // Paths are held once, as the keys of nodes_; a kernel watch's users point at them (a map
+    // key stays put until its node is erased, and a node lets go of its watches first).
+    struct KeyLess {
+        bool operator()(const std::string* a, const std::string* b) const { return *a < *b; }
+    };
+    using Users = std::multiset<const std::string*, KeyLess>;
     struct Ahead {  // what comes later in the same read for a file's watch
         bool selfDeletion = false;
         bool parentDeletion = false;
@@ -138,7 +146,7 @@ private:
     bool IsLink(Node& node);
     void CheckLinks(std::vector<WatchNotification>& out);
     int Acquire(const Node& node, std::size_t depth, bool directory, uint32_t mask);
-    void Release(int wd, const std::string& user);
+    void Release(int wd, const std::string* user);
     void SetRefused(Node& node, bool refused, int error);
     uint32_t SelfMask(const Node& node) const;
     bool FollowLast(const Node& node) const;
@@ -154,8 +162,8 @@ private:
 
     int fd_ = -1;
     std::vector<char> buffer_;
-    std::map<std::string, Node> nodes_;                // by watched path
-    std::map<int, std::multiset<std::string>> users_;  // kernel watch -> paths using it
+    std::map<std::string, Node> nodes_;  // by watched path
+    std::map<int, Users> users_;         // kernel watch -> paths using it
     WatchScope::Cache scopes_;
     uint64_t retryAtMs_ = 0;  // 0: no retry due
     uint64_t retryDelayMs_ = kRetryFirstMs;
