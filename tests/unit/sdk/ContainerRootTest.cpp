@@ -1,11 +1,8 @@
 // Lookups inside a container's root against a real directory tree standing in for one: links
 // and ".." planted by the "container" must never lead to a host file.
 #include <gtest/gtest.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
-#include <cstdlib>
-#include <fstream>
 #include <string>
 
 #include "sdk/ContainerRoot.h"
@@ -13,22 +10,18 @@
 #include "sdk/PathUtils.h"
 #include "sdk/RootConfinement.h"
 #include "sdk/UniqueFd.h"
-#include "support/FileText.h"
 #include "support/TempDir.h"
 
 namespace {
-
-using TestSupport::FileText;
 
 /// A host directory with a secret file, and beside it a "container root" with its own /etc.
 class ContainerRootTest : public ::testing::Test {
 protected:
     void SetUp() override {
-        ASSERT_EQ(0, ::mkdir(root.c_str(), 0755));
-        ASSERT_EQ(0, ::mkdir((root + "/etc").c_str(), 0755));
-        ASSERT_EQ(0, ::mkdir((root + "/tmp").c_str(), 0755));
-        FileText::Write(host + "/secret", "host secret\n");
-        FileText::Write(root + "/etc/secret", "container secret\n");
+        tmp_.Dir("merged/tmp");
+        tmp_.Dir("merged/etc");
+        tmp_.File("secret", "host secret\n");
+        tmp_.File("merged/etc/secret", "container secret\n");
     }
 
     void Link(const std::string& target, const std::string& inner) {
