@@ -4,8 +4,10 @@
 #include <chrono>
 #include <string>
 #include <thread>
+#include <utility>
 
 #include "framework/ContainerRegistry.h"
+#include "support/Deadline.h"
 
 namespace {
 
@@ -26,29 +28,23 @@ protected:
 };
 
 TEST_F(ContainerRegistryTest, PathsBelongToTheDeepestRootAtAComponentBoundary) {
-    registry_.Started("/var/lib/docker/overlay2/a/merged/", "aa", 10);
-    registry_.Started("/var/lib/docker/overlay2/a/merged/nested", "bb", 11);
-    EXPECT_EQ(RootOf("/var/lib/docker/overlay2/a/merged/etc/passwd"),
-              "/var/lib/docker/overlay2/a/merged");
-    EXPECT_EQ(RootOf("/var/lib/docker/overlay2/a/merged//etc/passwd"),
-              "/var/lib/docker/overlay2/a/merged");
-    EXPECT_EQ(RootOf("/var/lib/docker/overlay2/a/merged"), "/var/lib/docker/overlay2/a/merged");
-    EXPECT_EQ(RootOf("/var/lib/docker/overlay2/a/merged/nested/x"),
-              "/var/lib/docker/overlay2/a/merged/nested");
-    // A name that merely begins like a root is the host's.
-    EXPECT_EQ(RootOf("/var/lib/docker/overlay2/a/mergedetc/hosts"), "");
-    EXPECT_EQ(RootOf("/var/lib/docker/overlay2/a"), "");
-    EXPECT_EQ(RootOf("relative/merged/etc"), "");
-    EXPECT_EQ(RootOf(""), "");
-}
-
-TEST_F(ContainerRegistryTest, TheHostRootAndRelativeRootsAreNeverContainers) {
-    registry_.Started("/", "aa", 10);
-    registry_.Started("///", "aa", 10);
-    registry_.Started("merged", "aa", 10);
-    registry_.Started("", "aa", 10);
-    EXPECT_EQ(RootOf("/etc/passwd"), "");
-    EXPECT_EQ(RootOf("/merged/etc"), "");
+    const std::string a = "/var/lib/docker/overlay2/a/merged";
+    registry_.Started(a + "/", "aa", 10);
+    registry_.Started(a + "/nested", "bb", 11);
+    // The host's root and relative roots are never containers.
+    for (const char* never : {"/", "///", "merged", ""}) registry_.Started(never, "cc", 12);
+    // Paths go to the deepest root; a name that merely begins like a root is the host's.
+    const std::pair<std::string, std::string> cases[] = {{a + "/etc/passwd", a},
+                                                         {a + "//etc/passwd", a},
+                                                         {a, a},
+                                                         {a + "/nested/x", a + "/nested"},
+                                                         {a + "etc/hosts", ""},
+                                                         {"/var/lib/docker/overlay2/a", ""},
+                                                         {"relative/merged/etc", ""},
+                                                         {"", ""},
+                                                         {"/etc/passwd", ""},
+                                                         {"/merged/etc", ""}};
+    for (const auto& c : cases) EXPECT_EQ(RootOf(c.first), c.second) << c.first;
 }
 
 TEST_F(ContainerRegistryTest, AnExitedContainerStaysKnownWithoutItsProcessUntilItRestarts) {
@@ -96,9 +92,9 @@ TEST_F(ContainerRegistryTest, LookupsWhileContainersComeAndGoSeeWholeEntries) {
             }
         }
     });
-    const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(300);
+    const TestSupport::Deadline deadline(std::chrono::milliseconds(300));
     std::size_t found = 0;
-    while (std::chrono::steady_clock::now() < deadline) {
+    while (!deadline.Expired()) {
         for (int i = 0; i < kRoots; ++i) {
             ContainerRegistry::Entry entry;
             if (!registry_.Find("/r/" + std::to_string(i) + "/etc/passwd", entry)) continue;

@@ -1,38 +1,57 @@
-// The task runtime: the default loop's hooks and clock, the idle barrier, the count-and-warn
-// call, the single-task module shell, and policy hooks that call back into their module.
+// Tasks on the real runtime: delivery and its losses, handler failures, the default loop's
+// clock and gathering, the idle barrier, stops, the count-and-warn call, the single-task module
+// shell, and policies delivered while tasks run.
 #include <Poco/AutoPtr.h>
 #include <Poco/Channel.h>
 #include <Poco/Logger.h>
+#include <Poco/Message.h>
 #include <gtest/gtest.h>
 
 #include <atomic>
 #include <chrono>
+#include <future>
+#include <memory>
 #include <mutex>
+#include <numeric>
+#include <stdexcept>
 #include <string>
 #include <thread>
 #include <vector>
 
-#include "framework/Clock.h"
 #include "framework/Counters.h"
 #include "framework/DegradedCounter.h"
 #include "framework/FeaturePolicy.h"
 #include "framework/Module.h"
+#include "framework/Outbox.h"
 #include "framework/PolicyCallback.h"
 #include "framework/SingleTaskModule.h"
 #include "framework/Task.h"
 #include "framework/TaskPolicy.h"
 #include "support/Deadline.h"
 #include "support/ManualClock.h"
+#include "support/RecordingTask.h"
+#include "support/TaskHost.h"
 
 namespace {
 
-constexpr int kDeadlineMs = 5000;
+using Clock = std::chrono::steady_clock;
+using Framework::Task;
+constexpr int kWaitMs = 5000;
 
-class LinesChannel : public Poco::Channel {
+std::vector<int> Range(int n) {
+    std::vector<int> v(static_cast<size_t>(n));
+    std::iota(v.begin(), v.end(), 0);
+    return v;
+}
+
+uint64_t Counter(const std::string& name) { return Framework::Counters::Instance().Value(name); }
+
+// Records what a logger hands it as "<priority> <text>" (any thread).
+class LogLines : public Poco::Channel {
 public:
     void log(const Poco::Message& msg) override {
         std::lock_guard<std::mutex> lock(mutex_);
-        lines_.push_back(msg.getText());
+        lines_.push_back(std::to_string(msg.getPriority()) + " " + msg.getText());
     }
     std::vector<std::string> Lines() {
         std::lock_guard<std::mutex> lock(mutex_);
@@ -44,149 +63,216 @@ private:
     std::vector<std::string> lines_;
 };
 
-// Handles a message (slowly unless told otherwise) and says in which order the messages came.
-class SlowMessage : public Framework::Message {
+// Records the probes it handles, the time of its last turn, its batches and its reads of the
+// policy in force. A stalled receiver leaves its queue alone until resumed, so that it fills.
+class Receiver : public TestSupport::RecordingTask<int> {
 public:
-    SlowMessage(std::vector<int>& seen, std::mutex& mutex, int value, bool slow = true)
-        : seen_(seen), mutex_(mutex), value_(value), slow_(slow) {}
-    int MessageHandle(void*) override {
-        if (slow_) std::this_thread::sleep_for(std::chrono::milliseconds(2));
-        std::lock_guard<std::mutex> lock(mutex_);
-        seen_.push_back(value_);
+    Receiver(const std::string& name, unsigned int capacity, bool stalled = false, int waitMs = 50,
+             int gatherMs = 0)
+        : RecordingTask(name, capacity), stalled_(stalled) {
+        LoopSettings loop;
+        loop.waitMs = waitMs;
+        loop.gatherMs = gatherMs;
+        SetLoopSettings(loop);
+    }
+    void Resume() {
+        stalled_ = false;
+        GetEventWaiter().Notify();
+    }
+    std::atomic<uint64_t> lastTurnMs{0};
+    std::atomic<int> batches{0};
+    std::atomic<int> policyReads{0};
+
+protected:
+    int Run() override {
+        while (!isCancelled()) {
+            if (!stalled_) {
+                RunTurn();
+            } else if (GetEventWaiter().WaitAndHandleEvent(5, 1) == -1 && !stalled_) {
+                BulkConsumeMsg(GetLoopSettings().batch);  // this wait took Resume's signal
+            }
+        }
+        return 0;
+    }
+    void OnTurn(uint64_t nowMs) override {
+        lastTurnMs = nowMs;
+        auto policy = GetFeaturePolicy();
+        if (policy && !policy->GetPolicyName().empty()) ++policyReads;
+    }
+    void OnBatchEnd() override { ++batches; }
+
+private:
+    std::atomic<bool> stalled_;
+};
+
+// Counts live probes so that a test can tell whether the framework released a message.
+std::atomic<int> gLiveProbes{0};
+
+class Probe : public Framework::Message {
+public:
+    explicit Probe(int value, bool throws = false) : value_(value), throws_(throws) {
+        ++gLiveProbes;
+    }
+    ~Probe() override { --gLiveProbes; }
+    int MessageHandle(void* task) override {
+        if (throws_) throw std::runtime_error("handler failed");
+        static_cast<Receiver*>(static_cast<Task*>(task))->Record(value_);
         return 0;
     }
 
 private:
-    std::vector<int>& seen_;
-    std::mutex& mutex_;
-    int value_;
-    bool slow_;
+    const int value_;
+    const bool throws_;
 };
 
-// Records the times its turns were given and the waits it asked for.
-class TurnTask : public Framework::Task {
-public:
-    explicit TurnTask(const std::string& name, unsigned int capacity = 64)
-        : Framework::Task(name, "f", Framework::TaskCondition::TASK_TYPE_MESSAGE, capacity) {
-        LoopSettings loop;
-        loop.waitMs = 5;
-        SetLoopSettings(loop);
-    }
-    std::atomic<uint64_t> lastTurnMs{0};
-    std::atomic<int> turns{0};
-
+class TaskRuntime : public ::testing::Test {
 protected:
-    void OnTurn(uint64_t nowMs) override {
-        lastTurnMs = nowMs;
-        ++turns;
+    Receiver* Start(const std::string& name, unsigned int capacity, bool stalled = false,
+                    int waitMs = 50, int gatherMs = 0) {
+        auto* task = host_.Add(new Receiver(name, capacity, stalled, waitMs, gatherMs));
+        EXPECT_NE(task, nullptr) << name;
+        return task;
     }
+    TestSupport::ManualClock clock_{1000};  // outlives the tasks that read it
+    TestSupport::TaskHost host_{"runtime_test_module"};
 };
 
-class RuntimeModule : public Framework::Module {
-public:
-    RuntimeModule() : Framework::Module("runtime_test_module") {}
-};
-
-struct ModuleDeleter {
-    void operator()(Framework::Module* m) const { m->release(); }
-};
-using ModulePtr = std::unique_ptr<Framework::Module, ModuleDeleter>;
-
-TEST(TaskLoop, TurnsReadTheTaskClockAndStopWhenCancelled) {
-    TestSupport::ManualClock clock(1000);
-    ModulePtr module(new RuntimeModule());
-    auto* task = new TurnTask("runtime_turns");
-    task->SetClock(clock);
-    ASSERT_EQ(module->RegisterTask(task, false), 0);
+TEST_F(TaskRuntime, TurnsReadTheTaskClock) {
+    auto* task = new Receiver("rt_turns", 16, false, 5);
+    task->SetClock(clock_);
+    ASSERT_EQ(host_.Add(task), task);
     ASSERT_TRUE(TestSupport::WaitUntil([&] { return task->lastTurnMs.load() == 1000; }));
-    clock.Advance(250);
+    clock_.Advance(250);
     ASSERT_TRUE(TestSupport::WaitUntil([&] { return task->lastTurnMs.load() == 1250; }))
         << "OnTurn must be given the task's clock, not the system's";
-    EXPECT_EQ(module->UnRegisterTask("runtime_turns"), 0);  // joins: the loop ended
 }
 
-TEST(IdleBarrier, ReturnsOnlyAfterEveryEarlierMessageWasHandled) {
-    ModulePtr module(new RuntimeModule());
-    auto* task = new TurnTask("runtime_idle", 256);
-    ASSERT_EQ(module->RegisterTask(task, false), 0);
-    std::vector<int> seen;
-    std::mutex mutex;
-    for (int i = 0; i < 50; ++i) {
-        ASSERT_EQ(task->SendDirectMsg("runtime_idle", new SlowMessage(seen, mutex, i)), 0);
-    }
-    ASSERT_TRUE(Framework::Task::WaitIdle("runtime_idle", kDeadlineMs));
-    {
-        std::lock_guard<std::mutex> lock(mutex);
-        ASSERT_EQ(seen.size(), 50u) << "the barrier overtook queued messages";
-        for (int i = 0; i < 50; ++i) EXPECT_EQ(seen[i], i);
-    }
-    EXPECT_FALSE(Framework::Task::WaitIdle("runtime_nobody", 100)) << "no such task";
-    module->UnRegisterTask("runtime_idle");
+// Everything queued before the barrier is handled before it returns, in order, over several
+// full batches: each must lead straight to the next, not to the wait's timeout.
+TEST_F(TaskRuntime, IdleBarrierWaitsForEveryEarlierMessage) {
+    Receiver* task = Start("rt_idle", 512, /*stalled=*/true);
+    for (int i = 0; i < 300; ++i) ASSERT_EQ(task->SendDirectMsg("rt_idle", new Probe(i)), 0);
+    auto idle = std::async(std::launch::async, [] { return Task::WaitIdle("rt_idle", kWaitMs); });
+    ASSERT_TRUE(TestSupport::WaitUntil([] { return Task::QueuedMessages("rt_idle") == 301; }));
+    task->Resume();
+    ASSERT_TRUE(idle.get());
+    EXPECT_EQ(task->Items(), Range(300)) << "the barrier overtook queued messages";
+    EXPECT_FALSE(Task::WaitIdle("rt_nobody", 100)) << "no such task";
 }
 
-// Counts its batches; its loop lets messages gather for 20 ms when batches come close together.
-class GatheringTask : public TurnTask {
-public:
-    explicit GatheringTask(const std::string& name) : TurnTask(name, 1024) {
-        LoopSettings loop;
-        loop.waitMs = 1000;
-        loop.gatherMs = 20;
-        SetLoopSettings(loop);
-    }
-    void OnBatchEnd() override { ++batches; }
-    std::atomic<int> batches{0};
-};
-
-TEST(TaskLoop, MessagesSentOneByOneInAStormAreTakenInBatches) {
-    ModulePtr module(new RuntimeModule());
-    auto* task = new GatheringTask("runtime_gather");
-    ASSERT_EQ(module->RegisterTask(task, false), 0);
-    std::vector<int> seen;
-    std::mutex mutex;
-    // 200 messages over about 200 ms: taken as they come, that would be a batch each.
-    for (int i = 0; i < 200; ++i) {
-        ASSERT_EQ(task->SendDirectMsg("runtime_gather", new SlowMessage(seen, mutex, i, false)), 0);
-        std::this_thread::sleep_for(std::chrono::microseconds(500));  // the sender's pace
-    }
-    ASSERT_TRUE(Framework::Task::WaitIdle("runtime_gather", kDeadlineMs));
-    {
-        std::lock_guard<std::mutex> lock(mutex);
-        ASSERT_EQ(seen.size(), 200u);
-        for (int i = 0; i < 200; ++i) ASSERT_EQ(seen[i], i);
-    }
-    EXPECT_LT(task->batches.load(), 60);
-    module->UnRegisterTask("runtime_gather");
-}
-
-// A task that never takes its messages: a barrier that cannot be queued, or is never reached,
-// ends in false at the deadline instead of hanging the caller.
-class StalledTask : public Framework::Task {
-public:
-    explicit StalledTask(const std::string& name)
-        : Framework::Task(name, "f", Framework::TaskCondition::TASK_TYPE_MESSAGE, 2) {}
-    int Run() override {
-        while (!isCancelled()) GetEventWaiter().WaitAndHandleEvent(5, 1);
-        return 0;
-    }
-};
-
-TEST(IdleBarrier, StalledOrFullTaskTimesOut) {
-    ModulePtr module(new RuntimeModule());
-    auto* task = new StalledTask("runtime_stalled");
-    ASSERT_EQ(module->RegisterTask(task, false), 0);
-    const auto start = std::chrono::steady_clock::now();
+// A barrier that is never reached, or cannot be queued, ends in false at the deadline instead
+// of hanging the caller.
+TEST_F(TaskRuntime, IdleBarrierOfAStalledOrFullTaskTimesOut) {
+    Receiver* task = Start("rt_stuck", 2, /*stalled=*/true);
+    const auto start = Clock::now();
     EXPECT_FALSE(task->WaitIdle(50)) << "queued but never reached";
-    std::vector<int> seen;
-    std::mutex mutex;
-    while (task->SendDirectMsg("runtime_stalled", new SlowMessage(seen, mutex, 0)) == 0) {
+    while (task->SendDirectMsg("rt_stuck", new Probe(0)) == 0) {
     }
     EXPECT_FALSE(task->WaitIdle(50)) << "full queue";
-    EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(3));
-    module->UnRegisterTask("runtime_stalled");  // the queued barrier and messages are handled
+    EXPECT_LT(Clock::now() - start, std::chrono::seconds(3));
+}
+
+TEST_F(TaskRuntime, MessagesSentOneByOneInAStormAreTakenInBatches) {
+    Receiver* task = Start("rt_gather", 1024, false, 1000, /*gatherMs=*/20);
+    // 200 messages over about 200 ms: taken as they come, that would be a batch each.
+    for (int i = 0; i < 200; ++i) {
+        ASSERT_EQ(task->SendDirectMsg("rt_gather", new Probe(i)), 0);
+        std::this_thread::sleep_for(std::chrono::microseconds(500));  // the sender's pace
+    }
+    ASSERT_TRUE(Task::WaitIdle("rt_gather", kWaitMs));
+    EXPECT_EQ(task->Items(), Range(200));
+    EXPECT_LT(task->batches.load(), 60);
+}
+
+TEST_F(TaskRuntime, UndeliverableMessagesAreCountedAndReleased) {
+    Receiver* task = Start("rt_stalled", 4, /*stalled=*/true);
+    const std::string unknown = std::string(Framework::CounterNames::kUnknownTask) + ".rt_nobody";
+    const std::string full = std::string(Framework::CounterNames::kQueueFull) + ".rt_stalled";
+    const uint64_t unknownBefore = Counter(unknown);
+    const uint64_t fullBefore = Counter(full);
+    for (int i = 0; i < 4; ++i) ASSERT_EQ(task->SendDirectMsg("rt_stalled", new Probe(i)), 0);
+    const int live = gLiveProbes.load();
+    EXPECT_EQ(task->SendDirectMsg("rt_nobody", new Probe(98)), -1);
+    EXPECT_EQ(task->SendDirectMsg("rt_stalled", new Probe(99)), -1);
+    EXPECT_EQ(Counter(unknown), unknownBefore + 1);
+    EXPECT_EQ(Counter(full), fullBefore + 1);
+    EXPECT_EQ(gLiveProbes.load(), live) << "an undeliverable message leaked";
+    host_.Remove("rt_stalled");  // what was queued is still handled when the task stops
+    EXPECT_EQ(gLiveProbes.load(), live - 4);
+}
+
+// A service that holds back: what a full queue refused waits, in order, and arrives once the
+// receiver drains; only what exceeds the outbox's bound is released, and counted.
+TEST_F(TaskRuntime, OutboxHoldsBackInOrderAndCountsWhatExceedsItsBound) {
+    Receiver* slow = Start("rt_slow", 4, /*stalled=*/true);
+    Framework::Outbox outbox(*slow, 3, "fwtest.outbox");  // any task may be the sender
+    const uint64_t dropped = Counter("fwtest.outbox.dropped");
+    for (int i = 0; i < 7; ++i) ASSERT_TRUE(outbox.Send("rt_slow", new Probe(i)));
+    EXPECT_EQ(outbox.Held(), 3u);
+    const int live = gLiveProbes.load();
+    EXPECT_FALSE(outbox.Send("rt_slow", new Probe(99)));
+    EXPECT_EQ(gLiveProbes.load(), live) << "the message beyond the bound leaked";
+    EXPECT_EQ(Counter("fwtest.outbox.dropped"), dropped + 1);
+    slow->Resume();
+    ASSERT_TRUE(TestSupport::WaitUntil([&] { return outbox.Flush() == 0; }));
+    ASSERT_TRUE(Task::WaitIdle("rt_slow", kWaitMs));
+    EXPECT_EQ(slow->Items(), Range(7));
+}
+
+TEST_F(TaskRuntime, OutboxStopsAtTheHighWaterMarkAndLeavesTheRestToOthers) {
+    Receiver* busy = Start("rt_busy", 8, /*stalled=*/true);
+    Framework::Outbox outbox(*busy, 100, "fwtest.polite", 2);
+    for (int i = 0; i < 5; ++i) outbox.Send("rt_busy", new Probe(i));
+    EXPECT_EQ(Task::QueuedMessages("rt_busy"), 2);
+    EXPECT_EQ(outbox.Held(), 3u);
+    EXPECT_EQ(busy->SendDirectMsg("rt_busy", new Probe(50)), 0) << "no room left for others";
+    EXPECT_EQ(Task::QueuedMessages("rt_nobody"), -1);
+}
+
+TEST_F(TaskRuntime, AThrowingHandlerIsCountedAndTheLoopGoesOn) {
+    Receiver* task = Start("rt_catcher", 64);
+    const uint64_t before = Counter(Framework::CounterNames::kHandlerException);
+    ASSERT_EQ(task->SendDirectMsg("rt_catcher", new Probe(1, /*throws=*/true)), 0);
+    ASSERT_EQ(task->SendDirectMsg("rt_catcher", new Probe(2)), 0);
+    ASSERT_TRUE(Task::WaitIdle("rt_catcher", kWaitMs));
+    EXPECT_EQ(task->Items(), std::vector<int>{2});
+    EXPECT_EQ(Counter(Framework::CounterNames::kHandlerException), before + 1);
+}
+
+// Only the first send after the receiver took its signal writes the eventfd; a lost race there,
+// or a wake-up lost while the receiver sits in its 10 s wait, would leave the last messages of
+// a round until that timeout.
+TEST_F(TaskRuntime, RacingSendersNeverLeaveAMessageWaitingForTheTimeout) {
+    Receiver* receiver = Start("rt_race", 4096, false, 10000);
+    std::size_t expected = 0;
+    for (int round = 0; round < 300; ++round) {
+        const int each = 1 + round % 4;
+        auto send = [&] {
+            for (int i = 0; i < each; ++i) receiver->SendDirectMsg("rt_race", new Probe(i));
+        };
+        std::thread other(send);
+        send();
+        other.join();
+        expected += static_cast<std::size_t>(2 * each);
+        ASSERT_TRUE(
+            receiver->WaitFor([&](const std::vector<int>& v) { return v.size() >= expected; },
+                              std::chrono::seconds(3)))
+            << "round " << round << ": a message waited for the timeout";
+    }
+}
+
+TEST_F(TaskRuntime, ATaskStoppedRightAfterItsStartStopsPromptly) {
+    for (int i = 0; i < 20; ++i) {
+        const std::string name = "rt_brief" + std::to_string(i);
+        Start(name, 4, false, 10000);
+        const auto begin = Clock::now();
+        host_.Remove(name);
+        ASSERT_LT(Clock::now() - begin, std::chrono::seconds(5)) << "the stop was lost";
+    }
 }
 
 TEST(DegradedCounter, CountsEveryEventAndTellsOncePerIntervalWithWhatWasHeldBack) {
-    Poco::AutoPtr<LinesChannel> channel(new LinesChannel());
+    Poco::AutoPtr<LogLines> channel(new LogLines());
     Poco::Logger& logger = Poco::Logger::get("runtime_test_degraded");
     logger.setChannel(channel);
     logger.setLevel(Poco::Message::PRIO_DEBUG);
@@ -195,132 +281,136 @@ TEST(DegradedCounter, CountsEveryEventAndTellsOncePerIntervalWithWhatWasHeldBack
     Framework::DegradedCounter other("test.runtime.other", 1000, clock);
 
     for (int i = 0; i < 5; ++i) TW_DEGRADED(counter, 2, &logger, PRIO_WARNING, "lost %d", i);
-    TW_DEGRADED(other, 1, &logger, PRIO_WARNING, "other kind");
+    TW_DEGRADED(other, 1, &logger, PRIO_WARNING, "other kind");  // not silenced by the flood
     clock.Advance(1000);
     TW_DEGRADED(counter, 1, &logger, PRIO_WARNING, "lost %d", 5);
-
-    EXPECT_EQ(counter.Value(), 11u);
-    EXPECT_EQ(Framework::Counters::Instance().Value("test.runtime.degraded"), 11u)
-        << "the status output reads Counters";
-    const auto lines = channel->Lines();
-    ASSERT_EQ(lines.size(), 3u);
-    EXPECT_EQ(lines[0], "lost 0");
-    EXPECT_EQ(lines[1], "other kind") << "one kind's flood must not silence another";
-    EXPECT_EQ(lines[2], "lost 5 (4 more not logged)");
-}
-
-TEST(DegradedCounter, NothingIsFormattedWhenTheLevelIsBelowTheWarning) {
-    Poco::AutoPtr<LinesChannel> channel(new LinesChannel());
-    Poco::Logger& logger = Poco::Logger::get("runtime_test_quiet");
-    logger.setChannel(channel);
+    // Below the logger's level, or without a logger, events are counted and nothing is told.
     logger.setLevel(Poco::Message::PRIO_ERROR);
-    Framework::DegradedCounter counter("test.runtime.quiet", 0);
+    clock.Advance(1000);
     TW_DEGRADED(counter, 3, &logger, PRIO_WARNING, "quiet %s", std::string("x"));
+    clock.Advance(1000);
     TW_DEGRADED(counter, 1, nullptr, PRIO_WARNING, "no logger");
-    EXPECT_EQ(counter.Value(), 4u);
-    EXPECT_TRUE(channel->Lines().empty());
+
+    EXPECT_EQ(counter.Value(), 15u);
+    EXPECT_EQ(Counter("test.runtime.degraded"), 15u) << "the status output reads Counters";
+    EXPECT_EQ(channel->Lines(), (std::vector<std::string>{"4 lost 0", "4 other kind",
+                                                          "4 lost 5 (4 more not logged)"}));
 }
+
+struct ModuleDeleter {
+    void operator()(Framework::Module* m) const { m->release(); }
+};
+using ModulePtr = std::unique_ptr<Framework::Module, ModuleDeleter>;
 
 TEST(SingleTaskModule, RegistersOnceStopsOnUnInitAndReportsFailures) {
     std::atomic<int> built{0};
-    ModulePtr module(new Framework::SingleTaskModule("runtime_single", [&built]() {
+    auto* shell = new Framework::SingleTaskModule("runtime_single", [&built]() {
         ++built;
-        return new TurnTask("runtime_single_task");
-    }));
-    auto* shell = static_cast<Framework::SingleTaskModule*>(module.get());
+        return new Receiver("rt_single", 16);
+    });
+    ModulePtr holder(shell);
     ASSERT_EQ(shell->Init(), 0);
     EXPECT_EQ(shell->Init(), 0);
     EXPECT_EQ(built.load(), 1) << "a second Init must not build a second task";
-    EXPECT_EQ(shell->TaskName(), "runtime_single_task");
-    EXPECT_TRUE(Framework::Task::WaitIdle("runtime_single_task", kDeadlineMs));
+    EXPECT_EQ(shell->TaskName(), "rt_single");
+    EXPECT_TRUE(Task::WaitIdle("rt_single", kWaitMs));
 
     // The name is taken: a second module with the same task fails cleanly.
-    ModulePtr clash(new Framework::SingleTaskModule(
-        "runtime_clash", [] { return new TurnTask("runtime_single_task"); }));
+    ModulePtr clash(new Framework::SingleTaskModule("runtime_clash",
+                                                    [] { return new Receiver("rt_single", 16); }));
     EXPECT_EQ(clash->Init(), -1);
     clash->UnInit();
 
     shell->UnInit();
-    EXPECT_FALSE(Framework::Task::WaitIdle("runtime_single_task", 50)) << "still registered";
+    EXPECT_FALSE(Task::WaitIdle("rt_single", 50)) << "still registered";
     shell->UnInit();  // twice is harmless
 
-    ModulePtr empty(new Framework::SingleTaskModule(
-        "runtime_empty", [] { return static_cast<Framework::Task*>(nullptr); }));
+    ModulePtr empty(new Framework::SingleTaskModule("runtime_empty",
+                                                    [] { return static_cast<Task*>(nullptr); }));
     EXPECT_EQ(empty->Init(), -1);
 }
 
-// A hook that calls back into its own module: with the hook under the module's lock this
-// deadlocked.
-class ReentrantModule : public Framework::Module {
+// The hook builds a policy for the task its document names ("" names none) and calls back into
+// its own module: with the hook under the module's lock that deadlocked.
+class HookModule : public Framework::Module {
 public:
-    ReentrantModule() : Framework::Module("runtime_reentrant") {}
+    HookModule() : Framework::Module("runtime_hook_module") {}
     Framework::Policy* Hook(const std::string&, const std::string& document,
                             Framework::Policy*& current) {
-        sawTask = FindTask("runtime_reentrant_task") != nullptr;
+        seenCurrent = current;
+        sawTask = FindTask("rt_policy") != nullptr;
         sawCurrent = GetCurrentPolicy("k") == current;
         if (current != nullptr) current->outdated = true;
-        auto* policy = new Framework::FeaturePolicy("f");
-        policy->Add(new Framework::TaskPolicy(document));
+        auto* policy = new Framework::FeaturePolicy("feature");
+        if (!document.empty()) policy->Add(new Framework::TaskPolicy(document));
         return policy;
     }
+    std::atomic<Framework::Policy*> seenCurrent{nullptr};
     std::atomic<bool> sawTask{false};
     std::atomic<bool> sawCurrent{false};
 };
 
-TEST(PolicyHook, MayCallBackIntoItsModule) {
-    ModulePtr holder(new ReentrantModule());
-    auto* module = static_cast<ReentrantModule*>(holder.get());
-    module->RegisterPolicyCallback(
-        "k", new Framework::PolicyCallback<ReentrantModule>(module, &ReentrantModule::Hook));
-    ASSERT_EQ(module->RegisterTask(new TurnTask("runtime_reentrant_task"), false), 0);
-    std::atomic<bool> done{false};
-    std::thread deliver([&] {
+class PolicyDispatch : public ::testing::Test {
+protected:
+    void SetUp() override {
+        module_->RegisterPolicyCallback(
+            "k", new Framework::PolicyCallback<HookModule>(module_.get(), &HookModule::Hook));
+        ASSERT_EQ(module_->RegisterTask(task_, false), 0);
+    }
+    int Deliver(const std::string& document) {
         Framework::Policy* current = nullptr;
-        module->RefreshPolicy("k", "f", "runtime_reentrant_task", current);
-        module->RefreshPolicy("k", "f", "runtime_reentrant_task", current);
-        done = true;
-    });
-    ASSERT_TRUE(TestSupport::WaitUntil([&] { return done.load(); })) << "the hook deadlocked";
-    deliver.join();
-    EXPECT_TRUE(module->sawTask.load());
-    EXPECT_TRUE(module->sawCurrent.load());
-    module->UnRegisterTask("runtime_reentrant_task");
+        return module_->RefreshPolicy("k", "feature", document, current);
+    }
+    std::unique_ptr<HookModule, ModuleDeleter> module_{new HookModule()};  // stops its task
+    Receiver* task_ = new Receiver("rt_policy", 16, false, 1);  // reads its policy every turn
+};
+
+TEST_F(PolicyDispatch, NewPolicyReachesTheNamedTaskAndTheOldOneIsMarkedOutdated) {
+    ASSERT_EQ(Deliver("rt_policy"), 0);
+    EXPECT_EQ(module_->seenCurrent, nullptr);
+    auto first = task_->GetFeaturePolicy();
+    ASSERT_NE(first, nullptr);
+    ASSERT_EQ(Deliver("rt_policy"), 0);
+    EXPECT_EQ(module_->seenCurrent, first.get()) << "the hook must see the policy in force";
+    EXPECT_TRUE(first->IsOutdated());
+    const auto second = task_->GetFeaturePolicy();
+    EXPECT_NE(second, first);
+    Deliver("");
+    EXPECT_EQ(task_->GetFeaturePolicy(), second) << "a policy naming no task changed the task's";
 }
 
 // Policies swapped from two delivery threads while the task reads its policy on every turn:
 // every reader sees a whole policy, and the last one delivered is the one in force.
-class PolicyReader : public TurnTask {
-public:
-    explicit PolicyReader(const std::string& name) : TurnTask(name) {}
-    std::atomic<int> reads{0};
-
-protected:
-    void OnTurn(uint64_t) override {
-        auto policy = GetFeaturePolicy();
-        if (policy && !policy->GetPolicyName().empty()) ++reads;
-    }
-};
-
-TEST(PolicyHook, SwapWhileTheTaskReadsItsPolicy) {
-    ModulePtr holder(new ReentrantModule());
-    auto* module = static_cast<ReentrantModule*>(holder.get());
-    module->RegisterPolicyCallback(
-        "k", new Framework::PolicyCallback<ReentrantModule>(module, &ReentrantModule::Hook));
-    auto* task = new PolicyReader("runtime_reentrant_task");
-    ASSERT_EQ(module->RegisterTask(task, false), 0);
-    auto deliverMany = [module] {
-        for (int i = 0; i < 200; ++i) {
-            Framework::Policy* current = nullptr;
-            module->RefreshPolicy("k", "f", "runtime_reentrant_task", current);
-        }
+TEST_F(PolicyDispatch, SwapFromTwoThreadsWhileTheTaskReadsItsPolicy) {
+    std::atomic<int> done{0};
+    auto deliverMany = [&] {
+        for (int i = 0; i < 200; ++i) Deliver("rt_policy");
+        ++done;
     };
     std::thread a(deliverMany);
     std::thread b(deliverMany);
+    ASSERT_TRUE(TestSupport::WaitUntil([&] { return done.load() == 2; })) << "the hook deadlocked";
     a.join();
     b.join();
-    EXPECT_TRUE(TestSupport::WaitUntil([&] { return task->reads.load() > 0; }));
-    EXPECT_EQ(task->GetFeaturePolicy().get(), module->GetCurrentPolicy("k"));
-    module->UnRegisterTask("runtime_reentrant_task");
+    EXPECT_TRUE(module_->sawTask.load());
+    EXPECT_TRUE(module_->sawCurrent.load());
+    EXPECT_TRUE(TestSupport::WaitUntil([&] { return task_->policyReads.load() > 0; }));
+    EXPECT_EQ(task_->GetFeaturePolicy().get(), module_->GetCurrentPolicy("k"));
+}
+
+TEST_F(PolicyDispatch, UnknownKeyAndWithdrawnHookAreRefused) {
+    // Every module is offered every key: a missing hook is worth a debug line, no warning.
+    Poco::AutoPtr<LogLines> records(new LogLines());
+    Poco::Logger& log = Poco::Logger::get("framework");
+    log.setChannel(records);
+    log.setLevel(Poco::Message::PRIO_DEBUG);
+    Framework::Policy* current = nullptr;
+    EXPECT_EQ(module_->RefreshPolicy("other", "feature", "rt_policy", current), -1);
+    log.setChannel(nullptr);
+    EXPECT_EQ(records->Lines(), std::vector<std::string>{
+                                    "7 Module runtime_hook_module: no policy hook for key other"});
+    module_->UnRegisterTaskletCallback("k");
+    EXPECT_EQ(Deliver("rt_policy"), -1);
 }
 
 }  // namespace
