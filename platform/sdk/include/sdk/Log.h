@@ -4,6 +4,7 @@
 #include <Poco/Format.h>
 #include <Poco/Logger.h>
 #include <Poco/Message.h>
+#include <Poco/Timestamp.h>
 
 #include <cstddef>
 #include <exception>
@@ -13,6 +14,13 @@
 #include "sdk/PathUtils.h"
 
 namespace SDK {
+
+/// A record made once per thread: a new Poco::Message asks the kernel for the process id every
+/// time (a system call per log line); a copy of this one carries the thread's ids along.
+inline const Poco::Message& ThreadRecordPrototype() {
+    thread_local const Poco::Message prototype;
+    return prototype;
+}
 
 /// Writes one log record the agent's way: nothing is formatted unless the logger exists and
 /// admits the priority; the record carries the logger's name, the bare source-file name and the
@@ -43,7 +51,13 @@ inline void LogRecord(Poco::Logger* logger, Poco::Message::Priority prio, const 
         // lives for the whole process, so that a channel that keeps records stays valid.
         const std::size_t length = std::char_traits<char>::length(file);
         const char* bareName = fileName.size() <= length ? file + (length - fileName.size()) : file;
-        channel->log(Poco::Message(logger->name(), text, prio, bareName, line));
+        Poco::Message record(ThreadRecordPrototype(), text);
+        record.setSource(logger->name());
+        record.setPriority(prio);
+        record.setSourceFile(bareName);
+        record.setSourceLine(line);
+        record.setTime(Poco::Timestamp());
+        channel->log(record);
     } catch (const std::exception&) {
         // A log line must never interrupt the operation around it.
     }
