@@ -1,10 +1,6 @@
 // Path items resolved inside a stand-in container root on the real file system.
 #include <gtest/gtest.h>
-#include <sys/stat.h>
 #include <unistd.h>
-
-#include <cstdlib>
-#include <fstream>
 
 #include "process_collect/AuditPathResolver.h"
 #include "support/TempDir.h"
@@ -15,30 +11,23 @@ using Engine::AuditPathResolver;
 
 namespace {
 
-class ResolverTest : public ::testing::Test {
-protected:
-    void SetUp() override {
-        ASSERT_EQ(0, ::mkdir(root.c_str(), 0755));
-        ASSERT_EQ(0, ::mkdir((root + "/bin").c_str(), 0755));
-        std::ofstream(root + "/bin/tool") << "x";
-        std::ofstream(host + "/outside") << "host";
-        ASSERT_EQ(0, ::symlink("/bin/tool", (root + "/bin/link").c_str()));
-        ASSERT_EQ(0, ::symlink((host + "/outside").c_str(), (root + "/bin/out").c_str()));
-    }
+AuditLogPath Item(const std::string& name, const std::string& type) {
+    AuditLogPath item;
+    item.name = name;
+    item.nametype = type;
+    return item;
+}
 
-    static AuditLogPath Item(const std::string& name, const std::string& type) {
-        AuditLogPath item;
-        item.name = name;
-        item.nametype = type;
-        return item;
-    }
+TEST(AuditPathResolver, ItemsResolveInsideTheRootAndWhatLeavesItIsDropped) {
+    TestSupport::TempDir tmp("tw-resolve");
+    const std::string host = tmp.Path();
+    const std::string root = tmp / "merged";
+    tmp.Dir("merged/bin");
+    tmp.File("merged/bin/tool", "x");
+    tmp.File("outside", "host");
+    ASSERT_EQ(0, ::symlink("/bin/tool", (root + "/bin/link").c_str()));
+    ASSERT_EQ(0, ::symlink((host + "/outside").c_str(), (root + "/bin/out").c_str()));
 
-    TestSupport::TempDir tmp_{"tw-resolve"};
-    const std::string host = tmp_.Path();
-    const std::string root = host + "/merged";
-};
-
-TEST_F(ResolverTest, ItemsResolveInsideTheRootAndWhatLeavesItIsDropped) {
     const SDK::ContainerRoot container(root);
     AuditLogSyscall syscall;
     syscall.paths = {Item(root + "/bin/link", "CREATE"),
@@ -50,11 +39,8 @@ TEST_F(ResolverTest, ItemsResolveInsideTheRootAndWhatLeavesItIsDropped) {
     EXPECT_EQ("CREATE", syscall.paths[0].nametype);
     EXPECT_EQ(root + "/bin/tool", syscall.paths[1].name);
     EXPECT_EQ(root + "/bin", syscall.paths[2].name);
-}
 
-TEST_F(ResolverTest, EventLeftWithOnlyDirectoriesIsDropped) {
-    const SDK::ContainerRoot container(root);
-    AuditLogSyscall syscall;
+    // Nothing to look at: only directories left, or nothing inside the root.
     syscall.paths = {Item(root + "/bin/gone", "DELETE"), Item(root + "/bin", "PARENT")};
     EXPECT_FALSE(AuditPathResolver::Resolve(container, syscall));
     syscall.paths = {Item(host + "/outside", "NORMAL")};
