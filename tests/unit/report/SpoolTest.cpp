@@ -1,11 +1,9 @@
-#include <dirent.h>
 #include <gtest/gtest.h>
-#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
-#include <fstream>
+#include <filesystem>
 #include <string>
 #include <vector>
 
@@ -18,31 +16,32 @@ namespace {
 
 using Report::Spool;
 using ReportTest::Doc;
+using ReportTest::Docs;
+using ReportTest::Lines;
 using TestSupport::FileText;
 using TestSupport::TempDir;
+constexpr auto kOk = Spool::AppendResult::kOk;
 
-std::vector<std::string> Segments(const std::string& dir) {
-    std::vector<std::string> names;
-    if (DIR* d = ::opendir(dir.c_str())) {
-        while (const dirent* e = ::readdir(d)) {
-            const std::string name = e->d_name;
-            if (name.size() > 4 && name.compare(name.size() - 4, 4, ".seg") == 0) {
-                names.push_back(name);
-            }
-        }
-        ::closedir(d);
+// The segment files, oldest first.
+Lines Segments(const std::string& dir) {
+    Lines paths;
+    for (const auto& entry : std::filesystem::directory_iterator(dir)) {
+        if (entry.path().extension() == ".seg") paths.push_back(entry.path().string());
     }
-    std::sort(names.begin(), names.end());
-    return names;
+    std::sort(paths.begin(), paths.end());
+    return paths;
+}
+
+// One Append per line, as single alarms arrive.
+void Fill(Spool& spool, const Lines& lines) {
+    for (const auto& line : lines) ASSERT_EQ(spool.Append(line), kOk) << line;
 }
 
 // Reads and commits everything, `batch` lines at a time.
-std::vector<std::string> DrainAll(Spool& spool, std::size_t batch, uint64_t* corrupt = nullptr) {
-    std::vector<std::string> all;
+Lines DrainAll(Spool& spool, std::size_t batch, uint64_t* corrupt = nullptr) {
+    Lines all;
     uint64_t bad = 0;
-    for (;;) {
-        const auto lines = spool.Peek(batch, 1 << 20, bad);
-        if (lines.empty()) break;
+    for (Lines lines; !(lines = spool.Peek(batch, 1 << 20, bad)).empty();) {
         all.insert(all.end(), lines.begin(), lines.end());
         spool.Commit(lines.size());
     }
@@ -52,60 +51,42 @@ std::vector<std::string> DrainAll(Spool& spool, std::size_t batch, uint64_t* cor
 
 class SpoolTest : public ::testing::Test {
 protected:
-    std::unique_ptr<Spool> OpenSpool(uint64_t maxBytes = 1 << 20) {
-        auto spool = std::make_unique<Spool>(dir_, maxBytes);
-        std::string error;
-        EXPECT_TRUE(spool->Open(error)) << error;
-        return spool;
+    std::unique_ptr<Spool> Open(uint64_t maxBytes = 1 << 20) {
+        return ReportTest::OpenSpool(dir_, maxBytes);
     }
 
     TempDir tmp_;
     std::string dir_ = tmp_.Path() + "/spool/file";
 };
 
-TEST_F(SpoolTest, LinesComeBackInOrderAcrossSegmentsAndDeliveredSegmentsGo) {
-    auto spool = OpenSpool(64 * 1024);  // small segments: many of them
-    std::vector<std::string> sent;
-    for (int i = 0; i < 300; ++i) {
-        sent.push_back(Doc(i, 50));
-        ASSERT_EQ(spool->Append(sent.back()), Spool::AppendResult::kOk) << i;
-    }
+TEST_F(SpoolTest, LinesComeBackInOrderAcrossSegmentsAndOnlyCommittedOnesGo) {
+    auto spool = Open(64 * 1024);  // small segments: many of them
+    const Lines sent = Docs(0, 300, 50);
+    Fill(*spool, sent);
     EXPECT_GT(Segments(dir_).size(), 2u);
-    EXPECT_EQ(DrainAll(*spool, 7), sent);
+    uint64_t corrupt = 0;
+    EXPECT_EQ(spool->Peek(4, 1 << 20, corrupt).size(), 4u);
+    spool->Commit(2);  // the sink took two of the four: the other two are read again
+    EXPECT_EQ(DrainAll(*spool, 7, &corrupt), Lines(sent.begin() + 2, sent.end()));
+    EXPECT_EQ(corrupt, 0u);
     EXPECT_TRUE(spool->Empty());
     EXPECT_LE(Segments(dir_).size(), 1u);
 }
 
-TEST_F(SpoolTest, OnlyCommittedLinesAreGoneAndPeekingAgainRepeatsTheRest) {
-    auto spool = OpenSpool();
-    for (int i = 0; i < 10; ++i) spool->Append(Doc(i));
-    uint64_t corrupt = 0;
-    EXPECT_EQ(spool->Peek(4, 1 << 20, corrupt).size(), 4u);
-    spool->Commit(2);  // the sink took two of the four
-    const auto again = spool->Peek(100, 1 << 20, corrupt);
-    ASSERT_EQ(again.size(), 8u);
-    EXPECT_EQ(again.front(), Doc(2));
-    EXPECT_EQ(corrupt, 0u);
-}
-
 TEST_F(SpoolTest, ARestartResumesAtTheCommittedLineAndKeepsAppending) {
-    std::vector<std::string> sent;
+    Lines sent = Docs(0, 200, 40);
     {
-        auto spool = OpenSpool(64 * 1024);
-        for (int i = 0; i < 200; ++i) {
-            sent.push_back(Doc(i, 40));
-            spool->Append(sent.back());
-        }
+        auto spool = Open(64 * 1024);
+        Fill(*spool, sent);
         uint64_t corrupt = 0;
         spool->Commit(spool->Peek(60, 1 << 20, corrupt).size());
         spool->Peek(30, 1 << 20, corrupt);  // read but never committed: must come back
     }
-    auto spool = OpenSpool(64 * 1024);
-    for (int i = 200; i < 220; ++i) {
-        sent.push_back(Doc(i, 40));
-        spool->Append(sent.back());
-    }
-    EXPECT_EQ(DrainAll(*spool, 50), std::vector<std::string>(sent.begin() + 60, sent.end()));
+    auto spool = Open(64 * 1024);
+    const Lines more = Docs(200, 220, 40);
+    Fill(*spool, more);
+    sent.insert(sent.end(), more.begin(), more.end());
+    EXPECT_EQ(DrainAll(*spool, 50), Lines(sent.begin() + 60, sent.end()));
 }
 
 // A process that dies without closing the spool (no destructor, cursor maybe not recorded):
@@ -129,144 +110,108 @@ TEST_F(SpoolTest, ACrashRepeatsTheLastLinesButNeverSkipsOne) {
     int status = 0;
     ASSERT_EQ(::waitpid(child, &status, 0), child);
     ASSERT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
-    auto spool = OpenSpool(64 << 20);
+    auto spool = Open(64 << 20);
     uint64_t corrupt = 0;
-    const auto lines = DrainAll(*spool, 100, &corrupt);
+    const Lines lines = DrainAll(*spool, 100, &corrupt);
     EXPECT_EQ(corrupt, 0u);
     ASSERT_GE(lines.size(), 6u);
     ASSERT_LE(lines.size(), 10u);
-    for (std::size_t i = 0; i < lines.size(); ++i) {
-        EXPECT_EQ(lines[i], Doc(static_cast<int>(40010 - lines.size() + i), 100));
-    }
+    EXPECT_EQ(lines, Docs(static_cast<int>(40010 - lines.size()), 40010, 100));
 }
 
-TEST_F(SpoolTest, ABoundIsKeptAndRoomComesBackAsLinesAreDelivered) {
+TEST_F(SpoolTest, ABoundIsKeptLineByLineAndRoomComesBackAsLinesAreDelivered) {
     const uint64_t bound = 16 * 1024;
-    auto spool = OpenSpool(bound);
-    int kept = 0;
+    auto spool = Open(bound);
+    // One line alone is past the bound; the ones after it in the batch still fit.
+    const auto batch = spool->AppendBatch({Doc(0, 100), Doc(1, 20000), Doc(2, 100)});
+    EXPECT_EQ(batch.kept, 2u);
+    EXPECT_EQ(batch.overflow, 1u);
+    EXPECT_EQ(batch.failed, 0u);
+    Lines kept = {Doc(0, 100), Doc(2, 100)};
     int overflowed = 0;
-    for (int i = 0; i < 500; ++i) {
+    for (int i = 3; i < 500; ++i) {
         const auto result = spool->Append(Doc(i, 100));
-        if (result == Spool::AppendResult::kOk) ++kept;
-        if (result == Spool::AppendResult::kOverflow) ++overflowed;
+        if (result == kOk) kept.push_back(Doc(i, 100));
+        overflowed += result == Spool::AppendResult::kOverflow ? 1 : 0;
     }
-    EXPECT_EQ(kept + overflowed, 500);
+    EXPECT_EQ(kept.size() + overflowed, 499u);
     EXPECT_GT(overflowed, 0);
     EXPECT_LE(spool->PendingBytes(), bound);
-    // The oldest are kept and the newest refused: what is spooled is an unbroken prefix.
-    const auto drained = DrainAll(*spool, 1000);
-    ASSERT_EQ(static_cast<int>(drained.size()), kept);
-    EXPECT_EQ(drained.back(), Doc(kept - 1, 100));
-    EXPECT_EQ(spool->Append(Doc(1000, 100)), Spool::AppendResult::kOk);
+    // The oldest are kept and the newest refused: Doc(0), Doc(2), ..., Doc(kept.size()).
+    EXPECT_EQ(kept.back(), Doc(static_cast<int>(kept.size()), 100));
+    EXPECT_EQ(DrainAll(*spool, 1000), kept);
+    EXPECT_EQ(spool->Append(Doc(1000, 100)), kOk);
 }
 
-TEST_F(SpoolTest, ABatchKeepsEachLineThatFitsInOrderAndRefusesTheRestOneByOne) {
-    auto spool = OpenSpool(4096);
-    // The third line alone is past the bound; the ones after it still fit.
-    const std::vector<std::string> batch = {Doc(0, 100), Doc(1, 100), Doc(2, 5000), Doc(3, 100)};
-    const Spool::BatchResult result = spool->AppendBatch(batch);
-    EXPECT_EQ(result.kept, 3u);
-    EXPECT_EQ(result.overflow, 1u);
-    EXPECT_EQ(result.failed, 0u);
-    EXPECT_EQ(DrainAll(*spool, 10), (std::vector<std::string>{batch[0], batch[1], batch[3]}));
-}
-
-TEST_F(SpoolTest, ABatchTheDiskCutsShortLeavesNoPartOfItBehind) {
-    auto spool = OpenSpool();
-    ASSERT_EQ(spool->Append(Doc(0)), Spool::AppendResult::kOk);
-    std::vector<std::string> batch;
-    for (int i = 1; i <= 50; ++i) batch.push_back(Doc(i, 100));
+TEST_F(SpoolTest, AFullDiskRefusesWholeAppendsAndLeavesOnlyWholeLines) {
+    auto spool = Open();
+    Fill(*spool, {Doc(0, 100)});
+    const std::string segment = Segments(dir_).back();
     {
-        ReportTest::FileSizeCap cap(2048);  // room for some of the batch, not all of it
-        const Spool::BatchResult result = spool->AppendBatch(batch);
-        EXPECT_EQ(result.kept, 0u);
-        EXPECT_EQ(result.failed, batch.size());
-    }
-    ASSERT_EQ(spool->Append(Doc(51)), Spool::AppendResult::kOk);
-    EXPECT_EQ(DrainAll(*spool, 100), (std::vector<std::string>{Doc(0), Doc(51)}));
-}
-
-TEST_F(SpoolTest, APartialLineLeftByACrashIsCutAtOpen) {
-    {
-        auto spool = OpenSpool();
-        for (int i = 0; i < 5; ++i) spool->Append(Doc(i));
-    }
-    const auto segments = Segments(dir_);
-    ASSERT_EQ(segments.size(), 1u);
-    const std::string torn = "{\"n\":5,\"pad\":\"xx";
-    std::ofstream(dir_ + "/" + segments.back(), std::ios::app) << torn;
-
-    auto spool = OpenSpool();
-    EXPECT_EQ(spool->CutAtOpen(), torn.size());
-    spool->Append(Doc(6));
-    uint64_t corrupt = 0;
-    const auto lines = DrainAll(*spool, 100, &corrupt);
-    EXPECT_EQ(lines, (std::vector<std::string>{Doc(0), Doc(1), Doc(2), Doc(3), Doc(4), Doc(6)}));
-    EXPECT_EQ(corrupt, 0u);
-}
-
-TEST_F(SpoolTest, DamagedLinesAreSkippedAndCountedNeverDelivered) {
-    {
-        auto spool = OpenSpool();
-        spool->Append(Doc(0));
-    }
-    const std::string segment = dir_ + "/" + Segments(dir_).back();
-    // What a crash can leave on disk: a zeroed block, half a document, then good lines again.
-    std::ofstream(segment, std::ios::app) << std::string(40, '\0') << "\n{\"n\":\n";
-    auto spool = OpenSpool();
-    spool->Append(Doc(1));
-    uint64_t corrupt = 0;
-    EXPECT_EQ(DrainAll(*spool, 100, &corrupt), (std::vector<std::string>{Doc(0), Doc(1)}));
-    EXPECT_EQ(corrupt, 2u);
-}
-
-TEST_F(SpoolTest, ACursorBeyondTheDataIsClampedNotTrusted) {
-    {
-        auto spool = OpenSpool();
-        spool->Append(Doc(0));
-    }
-    std::ofstream(dir_ + "/cursor") << "0 999999\n";
-    auto spool = OpenSpool();
-    spool->Append(Doc(1));
-    uint64_t corrupt = 0;
-    const auto lines = spool->Peek(10, 1 << 20, corrupt);
-    ASSERT_FALSE(lines.empty());
-    EXPECT_EQ(lines.back(), Doc(1));
-}
-
-TEST_F(SpoolTest, AFullDiskRefusesTheLineAndLeavesOnlyWholeLines) {
-    auto spool = OpenSpool();
-    spool->Append(Doc(0, 100));
-    const std::string segment = dir_ + "/" + Segments(dir_).back();
-    struct stat st;
-    ASSERT_EQ(::stat(segment.c_str(), &st), 0);
-    {
-        ReportTest::FileSizeCap cap(static_cast<rlim_t>(st.st_size) + 50);
-        EXPECT_EQ(spool->Append(Doc(1, 100)), Spool::AppendResult::kFailed);
+        // Room for part of each of the appends below, not all of one.
+        ReportTest::FileSizeCap cap(FileText::Read(segment).size() + 2048);
+        EXPECT_EQ(spool->Append(Doc(1, 3000)), Spool::AppendResult::kFailed);
         EXPECT_FALSE(spool->LastError().empty());
+        const auto batch = spool->AppendBatch(Docs(2, 52, 100));
+        EXPECT_EQ(batch.kept, 0u);
+        EXPECT_EQ(batch.failed, 50u);
+        EXPECT_EQ(FileText::Read(segment), Doc(0, 100) + "\n");
     }
-    EXPECT_EQ(FileText::Read(segment), Doc(0, 100) + "\n");
-    EXPECT_EQ(spool->Append(Doc(2, 100)), Spool::AppendResult::kOk);
-    EXPECT_EQ(DrainAll(*spool, 10), (std::vector<std::string>{Doc(0, 100), Doc(2, 100)}));
+    Fill(*spool, {Doc(52)});
+    EXPECT_EQ(DrainAll(*spool, 10), (Lines{Doc(0, 100), Doc(52)}));
 }
 
-TEST_F(SpoolTest, ASecondOwnerIsRefusedUntilTheFirstLetsGo) {
-    auto first = OpenSpool();
+// What a crash can leave on disk is cut, skipped and counted, or clamped at the next open;
+// none of it is ever delivered, and new lines follow.
+TEST_F(SpoolTest, WhatACrashLeftOnDiskIsNeverDelivered) {
+    const struct {
+        const char* what;
+        std::string segmentTail;
+        std::string cursor;
+        uint64_t cut;
+        uint64_t corrupt;
+        Lines lines;
+    } cases[] = {
+        {"a torn last line", "{\"n\":5,\"pad\":\"xx", "", 16, 0, {Doc(0), Doc(1)}},
+        {"a zeroed block, then half a document",
+         std::string(40, '\0') + "\n{\"n\":\n",
+         "",
+         0,
+         2,
+         {Doc(0), Doc(1)}},
+        // The cursor is only ever recorded after a commit: what it passed was delivered.
+        {"a cursor beyond the data", "", "0 999999\n", 0, 0, {Doc(1)}},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.what);
+        ASSERT_TRUE(TempDir::RemoveTree(dir_));
+        Fill(*Open(), {Doc(0)});
+        ASSERT_TRUE(FileText::Append(Segments(dir_).back(), c.segmentTail));
+        if (!c.cursor.empty()) {
+            ASSERT_TRUE(FileText::Write(dir_ + "/cursor", c.cursor));
+        }
+        auto spool = Open();
+        EXPECT_EQ(spool->CutAtOpen(), c.cut);
+        Fill(*spool, {Doc(1)});
+        uint64_t corrupt = 0;
+        EXPECT_EQ(DrainAll(*spool, 100, &corrupt), c.lines);
+        EXPECT_EQ(corrupt, c.corrupt);
+    }
+}
+
+TEST_F(SpoolTest, AnOwnedOrUnusableDirectoryIsRefusedWithTheReason) {
+    auto first = Open();
     Spool second(dir_, 1 << 20);
     std::string error;
     EXPECT_FALSE(second.Open(error));
     EXPECT_NE(error.find("in use"), std::string::npos) << error;
     first.reset();
     EXPECT_TRUE(second.Open(error)) << error;
-}
 
-TEST_F(SpoolTest, AnUnusableDirectoryIsReportedAndAppendsFail) {
-    std::ofstream(tmp_.Path() + "/blocker") << "x";
-    Spool spool(tmp_.Path() + "/blocker/spool", 1 << 20);
-    std::string error;
-    EXPECT_FALSE(spool.Open(error));
+    Spool blocked(tmp_.File("blocker", "x") + "/spool", 1 << 20);
+    EXPECT_FALSE(blocked.Open(error));
     EXPECT_NE(error.find("blocker"), std::string::npos) << error;
-    EXPECT_EQ(spool.Append(Doc(0)), Spool::AppendResult::kFailed);
+    EXPECT_EQ(blocked.Append(Doc(0)), Spool::AppendResult::kFailed);
 }
 
 }  // namespace
