@@ -4,84 +4,70 @@
 #include <unistd.h>
 
 #include <cstdio>
-#include <fstream>
 #include <string>
 
 #include "agent/PolicyDirectory.h"
+#include "support/FileText.h"
 #include "support/TempDir.h"
 
 namespace {
 
+using Agent::PolicyDirectory;
+
 class PolicyDirectoryTest : public ::testing::Test {
 protected:
-    void Write(const std::string& name, const std::string& text) {
-        // Written aside and renamed, as an operator's tooling would, with a new mtime.
-        const std::string tmp = dir_ + "/." + name + ".tmp";
-        std::ofstream(tmp) << text;
-        ASSERT_EQ(std::rename(tmp.c_str(), (dir_ + "/" + name).c_str()), 0);
+    // Written aside and renamed, as an operator's tooling would, with an mtime `ahead` seconds
+    // from now, so that a rewrite within the same second still looks changed.
+    void Write(const std::string& name, const std::string& text, int ahead = 0) {
+        ASSERT_TRUE(TestSupport::FileText::Write(tmp_ / ("." + name + ".tmp"), text));
+        ASSERT_EQ(std::rename((tmp_ / ("." + name + ".tmp")).c_str(), (tmp_ / name).c_str()), 0);
+        const struct timespec times[2] = {{0, UTIME_NOW}, {time(nullptr) + ahead, 0}};
+        ASSERT_EQ(utimensat(AT_FDCWD, (tmp_ / name).c_str(), times, 0), 0);
     }
     TestSupport::TempDir tmp_{"tarnwick-policy"};
-    const std::string dir_ = tmp_.Path();
+    PolicyDirectory policies_{tmp_.Path()};
+    std::vector<PolicyDirectory::Problem> problems_;
 };
 
 TEST_F(PolicyDirectoryTest, KeyIsTheFileNameWithoutJson) {
-    EXPECT_EQ(Agent::PolicyDirectory::KeyOf("10001.json"), "10001");
-    EXPECT_EQ(Agent::PolicyDirectory::KeyOf(".json"), "");
-    EXPECT_EQ(Agent::PolicyDirectory::KeyOf("10001.json.tmp"), "");
-    EXPECT_EQ(Agent::PolicyDirectory::KeyOf(".10001.json"), "");
-    EXPECT_EQ(Agent::PolicyDirectory::KeyOf("README"), "");
+    EXPECT_EQ(PolicyDirectory::KeyOf("10001.json"), "10001");
+    for (const char* notPolicy : {".json", "10001.json.tmp", ".10001.json", "README"}) {
+        EXPECT_EQ(PolicyDirectory::KeyOf(notPolicy), "") << notPolicy;
+    }
 }
 
-TEST_F(PolicyDirectoryTest, ReportsNewAndChangedDocumentsOnce) {
-    Agent::PolicyDirectory policies(dir_);
-    std::vector<Agent::PolicyDirectory::Problem> problems;
+TEST_F(PolicyDirectoryTest, ReportsNewAndChangedDocumentsOnceEvenEmptyOnes) {
     Write("10001.json", "{\"a\":1}");
+    Write("20002.json", "");
     Write("notes.txt", "ignored");
-    auto changes = policies.Scan(problems);
-    ASSERT_EQ(changes.size(), 1u);
+    auto changes = policies_.Scan(problems_);
+    ASSERT_EQ(changes.size(), 2u);
     EXPECT_EQ(changes[0].key, "10001");
     EXPECT_EQ(changes[0].document, "{\"a\":1}");
-    EXPECT_TRUE(policies.Scan(problems).empty());
+    EXPECT_EQ(changes[1].key, "20002");
+    EXPECT_TRUE(policies_.Scan(problems_).empty());
 
-    // Same content rewritten: not a new policy.
-    Write("10001.json", "{\"a\":1}");
-    struct timespec later[2] = {{0, UTIME_NOW}, {time(nullptr) + 5, 0}};
-    utimensat(AT_FDCWD, (dir_ + "/10001.json").c_str(), later, 0);
-    EXPECT_TRUE(policies.Scan(problems).empty());
-
-    Write("10001.json", "{\"a\":2}");
-    later[1].tv_sec += 5;
-    utimensat(AT_FDCWD, (dir_ + "/10001.json").c_str(), later, 0);
-    changes = policies.Scan(problems);
+    Write("10001.json", "{\"a\":1}", 5);  // the same content again: not a new policy
+    EXPECT_TRUE(policies_.Scan(problems_).empty());
+    Write("10001.json", "{\"a\":2}", 10);
+    changes = policies_.Scan(problems_);
     ASSERT_EQ(changes.size(), 1u);
     EXPECT_EQ(changes[0].document, "{\"a\":2}");
-    EXPECT_TRUE(problems.empty());
-}
-
-TEST_F(PolicyDirectoryTest, EmptyDocumentIsStillDeliveredOnce) {
-    Agent::PolicyDirectory policies(dir_);
-    std::vector<Agent::PolicyDirectory::Problem> problems;
-    Write("20002.json", "");
-    EXPECT_EQ(policies.Scan(problems).size(), 1u);
-    EXPECT_TRUE(policies.Scan(problems).empty());
+    EXPECT_TRUE(problems_.empty());
 }
 
 TEST_F(PolicyDirectoryTest, OversizedDocumentIsAProblemNotAPolicy) {
-    Agent::PolicyDirectory policies(dir_);
-    std::vector<Agent::PolicyDirectory::Problem> problems;
-    const std::string path = dir_ + "/10001.json";
-    { std::ofstream(path) << "{}"; }
-    ASSERT_EQ(truncate(path.c_str(), Agent::PolicyDirectory::kMaxDocumentBytes + 1), 0);
-    EXPECT_TRUE(policies.Scan(problems).empty());
-    ASSERT_EQ(problems.size(), 1u);
-    EXPECT_EQ(problems[0].path, path);
+    const std::string path = tmp_.File("10001.json", "{}");
+    ASSERT_EQ(truncate(path.c_str(), PolicyDirectory::kMaxDocumentBytes + 1), 0);
+    EXPECT_TRUE(policies_.Scan(problems_).empty());
+    ASSERT_EQ(problems_.size(), 1u);
+    EXPECT_EQ(problems_[0].path, path);
 }
 
 TEST_F(PolicyDirectoryTest, MissingDirectoryYieldsNothing) {
-    Agent::PolicyDirectory policies(dir_ + "/nope");
-    std::vector<Agent::PolicyDirectory::Problem> problems;
-    EXPECT_TRUE(policies.Scan(problems).empty());
-    EXPECT_TRUE(problems.empty());
+    PolicyDirectory missing(tmp_ / "nope");
+    EXPECT_TRUE(missing.Scan(problems_).empty());
+    EXPECT_TRUE(problems_.empty());
 }
 
 }  // namespace

@@ -10,12 +10,11 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <fstream>
 #include <functional>
 #include <memory>
-#include <sstream>
 #include <string>
-#include <thread>
+#include <utility>
+#include <vector>
 
 #include "agent/ServiceNotifier.h"
 #include "sdk/UniqueFd.h"
@@ -25,6 +24,8 @@
 
 namespace {
 
+using TestSupport::FileText;
+
 bool WaitFor(const std::function<bool()>& condition) {
     return TestSupport::WaitUntil(condition, std::chrono::seconds(20));
 }
@@ -33,7 +34,7 @@ bool WaitFor(const std::function<bool()>& condition) {
 class NotifySocket {
 public:
     /// `name`: a path, or "@name" for the abstract namespace (as in NOTIFY_SOCKET).
-    explicit NotifySocket(const std::string& name) : name_(name) {
+    explicit NotifySocket(const std::string& name) {
         fd_.Reset(::socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0));
         sockaddr_un address{};
         address.sun_family = AF_UNIX;
@@ -53,119 +54,130 @@ public:
     }
 
 private:
-    std::string name_;
     SDK::UniqueFd fd_;
     bool bound_ = false;
 };
 
-using ScratchDir = TestSupport::TempDir;
-
 class ServiceNotifierTest : public ::testing::Test {
 protected:
     void TearDown() override { ::unsetenv("NOTIFY_SOCKET"); }
-    ScratchDir dir_;
+    TestSupport::TempDir dir_;
 };
 
-TEST_F(ServiceNotifierTest, SendsTheStateToAPathOrAnAbstractSocket) {
-    const std::string abstract = "@tarnwick-notify-" + std::to_string(::getpid());
-    for (const std::string& name : {dir_.Path() + "/notify", abstract}) {
-        NotifySocket socket(name);
-        ASSERT_TRUE(socket.Bound()) << name;
-        ::setenv("NOTIFY_SOCKET", name.c_str(), 1);
-        std::string error;
-        ASSERT_TRUE(Agent::ServiceNotifier::Notify("READY=1", error)) << name << ": " << error;
-        EXPECT_EQ(socket.Receive(5000), "READY=1") << name;
-    }
-}
-
-TEST_F(ServiceNotifierTest, NothingToTellWithoutTheVariable) {
+// Without a service manager there is nothing to tell; a malformed or dead socket is an error,
+// never a crash.
+TEST_F(ServiceNotifierTest, NothingToTellWithoutTheVariableAndAnErrorForABadSocket) {
     ::unsetenv("NOTIFY_SOCKET");
     std::string error;
     EXPECT_TRUE(Agent::ServiceNotifier::Notify("READY=1", error));
-    ::setenv("NOTIFY_SOCKET", "", 1);
-    EXPECT_TRUE(Agent::ServiceNotifier::Notify("READY=1", error));
-    EXPECT_EQ(error, "");
-}
-
-TEST_F(ServiceNotifierTest, AMalformedOrDeadSocketIsAnErrorNotACrash) {
-    const std::string tooLong = "/" + std::string(200, 'x');
-    for (const std::string& name :
-         {std::string("relative/notify"), std::string("@"), tooLong, dir_.Path() + "/absent"}) {
-        ::setenv("NOTIFY_SOCKET", name.c_str(), 1);
-        std::string error;
-        EXPECT_FALSE(Agent::ServiceNotifier::Notify("READY=1", error)) << name;
-        EXPECT_FALSE(error.empty()) << name;
+    const std::pair<std::string, bool> cases[] = {{"", true},
+                                                  {"relative/notify", false},
+                                                  {"@", false},
+                                                  {"/" + std::string(200, 'x'), false},
+                                                  {dir_.Path() + "/absent", false}};
+    for (const auto& [variable, ok] : cases) {
+        ::setenv("NOTIFY_SOCKET", variable.c_str(), 1);
+        error.clear();
+        EXPECT_EQ(Agent::ServiceNotifier::Notify("READY=1", error), ok) << variable;
+        EXPECT_EQ(error.empty(), ok) << variable << ": " << error;
     }
 }
 
-// The agent binary run with the loader's test modules, as a service manager would run it.
+// The agent binary, as a service manager would run it: its log at log_, told where to notify.
 class AgentProcessTest : public ::testing::Test {
 protected:
-    void SetUp() override {
-        log_ = dir_.Path() + "/agent.log";
-        notify_ = std::make_unique<NotifySocket>(dir_.Path() + "/notify");
-        ASSERT_TRUE(notify_->Bound());
-    }
     void TearDown() override {
         if (pid_ <= 0) return;
         ::kill(pid_, SIGKILL);
         ::waitpid(pid_, nullptr, 0);
     }
-    void Launch() {
+    // `notify`: the socket the agent is told to notify, a path or "@name" (abstract).
+    void Launch(const std::string& moduleDir, const std::string& policyDir,
+                const std::string& notify) {
+        notify_ = std::make_unique<NotifySocket>(notify);
+        ASSERT_TRUE(notify_->Bound()) << notify;
+        std::vector<std::string> args = {
+            AGENT_BINARY,          "--config",    "/dev/null",    "--module-dir", moduleDir,
+            "--policy-dir",        policyDir,     "--log",        log_,           "--alarms",
+            dir_ / "alarms.jsonl", "--spool-dir", dir_ / "spool", "--log-level",  "debug"};
+        std::vector<char*> argv;
+        for (auto& arg : args) argv.push_back(arg.data());
+        argv.push_back(nullptr);
         pid_ = ::fork();
         ASSERT_GE(pid_, 0);
         if (pid_ > 0) return;
-        ::setenv("NOTIFY_SOCKET", (dir_.Path() + "/notify").c_str(), 1);
-        const std::string alarms = dir_.Path() + "/alarms.jsonl";
-        const std::string spool = dir_.Path() + "/spool";
-        ::execl(AGENT_BINARY, AGENT_BINARY, "--config", "/dev/null", "--module-dir",
-                TEST_MODULE_DIR, "--policy-dir", dir_.Path().c_str(), "--log", log_.c_str(),
-                "--alarms", alarms.c_str(), "--spool-dir", spool.c_str(), "--log-level", "debug",
-                static_cast<char*>(nullptr));
+        ::setenv("NOTIFY_SOCKET", notify.c_str(), 1);
+        ::setenv("LD_LIBRARY_PATH", TARNWICK_LIB_DIR, 1);  // what the real modules need
+        ::execv(AGENT_BINARY, argv.data());
         ::_exit(127);
     }
     // Exit code after SIGTERM, -1 when the agent did not end within the deadline.
     int Terminate() {
         ::kill(pid_, SIGTERM);
         int status = 0;
-        const bool ended = WaitFor([&] { return ::waitpid(pid_, &status, WNOHANG) == pid_; });
-        if (!ended) return -1;
+        if (!WaitFor([&] { return ::waitpid(pid_, &status, WNOHANG) == pid_; })) return -1;
         pid_ = -1;
         return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
     }
+    // The log lines that hold `needle`.
+    std::vector<std::string> LogLines(const std::string& needle) const {
+        std::vector<std::string> lines;
+        for (const auto& line : FileText::Lines(log_)) {
+            if (line.find(needle) != std::string::npos) lines.push_back(line);
+        }
+        return lines;
+    }
+    bool WaitForLog(const std::string& needle, std::size_t count = 1) const {
+        return WaitFor([&] { return LogLines(needle).size() >= count; });
+    }
 
-    ScratchDir dir_;
-    std::string log_;
+    TestSupport::TempDir dir_;
+    std::string log_ = dir_ / "agent.log";
     std::unique_ptr<NotifySocket> notify_;
     pid_t pid_ = -1;
 };
 
-TEST_F(AgentProcessTest, ReadyOnlyOnceStartedAndStoppingOnTerm) {
-    Launch();
+// Ready only once started (told through a socket file), and the log file moved away by rotation
+// reopened on SIGHUP, twice in a row; stopping on SIGTERM.
+TEST_F(AgentProcessTest, ReadyOnceStartedReopensTheLogOnSighupAndStopsOnTerm) {
+    Launch(TEST_MODULE_DIR, dir_.Path(), dir_ / "notify");
     ASSERT_EQ(notify_->Receive(), "READY=1");
-    EXPECT_NE(TestSupport::FileText::Read(log_).find("Agent started"), std::string::npos)
-        << TestSupport::FileText::Read(log_);
-    EXPECT_EQ(Terminate(), 0);
-    EXPECT_EQ(notify_->Receive(5000), "STOPPING=1");
-}
-
-TEST_F(AgentProcessTest, SighupReopensTheLogFileMovedAway) {
-    Launch();
-    ASSERT_EQ(notify_->Receive(), "READY=1");
+    EXPECT_EQ(LogLines("Agent started").size(), 1u) << FileText::Read(log_);
     ASSERT_EQ(::rename(log_.c_str(), (log_ + ".1").c_str()), 0);
     ASSERT_EQ(::kill(pid_, SIGHUP), 0);
-    ASSERT_TRUE(WaitFor([&] {
-        return TestSupport::FileText::Read(log_).find("reopened") != std::string::npos;
-    })) << "no new log at "
-        << log_;
-    ASSERT_EQ(::kill(pid_, SIGHUP), 0);  // a second rotation in a row works too
-    ASSERT_TRUE(WaitFor([&] {
-        const std::string text = TestSupport::FileText::Read(log_);
-        return text.find("reopened") != text.rfind("reopened");
-    }));
+    ASSERT_TRUE(WaitForLog("reopened")) << "no new log at " << log_;
+    ASSERT_EQ(::kill(pid_, SIGHUP), 0);
+    ASSERT_TRUE(WaitForLog("reopened", 2));
     EXPECT_EQ(Terminate(), 0);
-    EXPECT_NE(TestSupport::FileText::Read(log_ + ".1").find("Agent started"), std::string::npos);
-    EXPECT_NE(TestSupport::FileText::Read(log_).find("Agent stopped"), std::string::npos);
+    EXPECT_EQ(notify_->Receive(5000), "STOPPING=1");
+    EXPECT_NE(FileText::Read(log_ + ".1").find("Agent started"), std::string::npos);
+    EXPECT_EQ(LogLines("Agent stopped").size(), 1u);
+}
+
+// A policy that protects nothing is worth a warning each time it is delivered, not more often.
+// Readiness is told through an abstract socket here.
+TEST_F(AgentProcessTest, WarnsOncePerDeliveryOfAPolicyThatProtectsNothing) {
+    // Only the feature module is loaded; the libraries it needs come from the build.
+    const std::string modules = dir_.Dir("modules");
+    const std::string library = std::string(TARNWICK_LIB_DIR) + "/libdockerfile_module.so";
+    ASSERT_EQ(::symlink(library.c_str(), (modules + "/libdockerfile_module.so").c_str()), 0);
+    const std::string policies = dir_.Dir("policy.d");
+    FileText::Write(policies + "/10001.json", R"({"content": {"rules": {"image_id": "x"}}})");
+    Launch(modules, policies, "@tarnwick-notify-" + std::to_string(::getpid()));
+    ASSERT_EQ(notify_->Receive(), "READY=1");
+    const std::string object = "protects nothing: content.rules is an object, not an array";
+    EXPECT_TRUE(WaitForLog(object)) << FileText::Read(log_);
+    // A second delivery, of another document that protects nothing.
+    FileText::Write(policies + "/.next", R"({"content": "{\"rules\": []}"})");
+    ASSERT_EQ(std::rename((policies + "/.next").c_str(), (policies + "/10001.json").c_str()), 0);
+    EXPECT_TRUE(WaitForLog("protects nothing: content is a string")) << FileText::Read(log_);
+    EXPECT_EQ(Terminate(), 0);
+    EXPECT_EQ(LogLines(object).size(), 1u) << FileText::Read(log_);
+    const auto warnings = LogLines("protects nothing");
+    EXPECT_EQ(warnings.size(), 2u) << FileText::Read(log_);
+    for (const auto& line : warnings) {
+        EXPECT_NE(line.find("[Warning] agent AgentApplication.cpp"), std::string::npos) << line;
+    }
 }
 
 }  // namespace
