@@ -68,6 +68,9 @@ TEST_F(PolicyTest, EnvelopeResultAndTaskChild) {
         {R"({"content":{}})", "0 |||1 dockerfile_task none"},
         {R"({"content":{"rules":{"image_name":"a"}}})", "0 |||1 dockerfile_task none"},
         {R"({"content":{"rules":"[]"}})", "0 |||1 dockerfile_task none"},
+        // Members of the wrong type fall back to their defaults.
+        {R"({"feature_name":7,"hash":[],"policy_id":{},"enabled":"no","content":{}})",
+         "0 |||1 dockerfile_task none"},
         // "enabled" is stored but does not stop the rules being parsed.
         {R"({"enabled":false,"content":{"rules":[{"image_name":"a"}]}})",
          "1 |||0 dockerfile_task elf0"},
