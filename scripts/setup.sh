@@ -3,7 +3,8 @@
 # root). Idempotent: does nothing when every package is already there.
 #   --bench   also the queues the queue benchmark compares against (only the benchmark needs
 #             them; it builds without them and leaves those peers out), and the tools the
-#             end-to-end benchmarks measure against or with (inotifywait, perf)
+#             end-to-end benchmarks measure against or with (inotifywait, perf, heaptrack and
+#             the gdb it attaches with)
 set -euo pipefail
 
 PACKAGES=(
@@ -19,7 +20,7 @@ PACKAGES=(
   # switched off again below.
   prometheus
 )
-BENCH_PACKAGES=(dpdk-dev librte-ring23 libconcurrentqueue-dev libboost-dev inotify-tools linux-perf)
+BENCH_PACKAGES=(dpdk-dev librte-ring23 libconcurrentqueue-dev libboost-dev inotify-tools linux-perf heaptrack gdb)
 
 for arg in "$@"; do
   case "$arg" in

@@ -12,6 +12,8 @@
 # container), then removes every container and reports what the agent still holds. Installs
 # $BUILD_DIR (build/) and uses the one engine, like scripts/e2e.sh: run it under the same
 # lock. Leaves nothing behind. Not part of the test command.
+# HEAP_PROFILE=FILE attaches heaptrack (through gdb) once the agent runs, so that FILE.zst
+# holds what the containers cost by call site: heaptrack_print -f FILE.zst --print-peaks 1.
 set -euo pipefail
 cd "$(dirname "$0")/../.."
 source scripts/lib/agent-run.sh
