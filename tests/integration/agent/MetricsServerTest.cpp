@@ -2,17 +2,13 @@
 #include <Poco/Net/HTTPRequest.h>
 #include <Poco/Net/HTTPResponse.h>
 #include <Poco/StreamCopier.h>
-#include <Poco/TemporaryFile.h>
 #include <gtest/gtest.h>
 
 #include <string>
 
 #include "agent/MetricsServer.h"
 #include "agent/PrometheusText.h"
-#include "framework/Counters.h"
 #include "framework/Gauges.h"
-#include "support/FileText.h"
-#include "support/Shell.h"
 
 namespace {
 struct Reply {
@@ -54,52 +50,30 @@ protected:
 };
 }  // namespace
 
-// The process's counters and gauges as valid exposition text (promtool's check, when it is
-// installed); how each is named and labelled is the metrics mapping's own test.
-TEST_F(MetricsServerTest, ScrapeIsValidExpositionTextOfTheProcesssCountersAndGauges) {
-    Framework::Counters::Instance().Add("framework.send.queue_full.task \"q\"", 3);
-    Framework::Counters::Instance().Get("report.file.spooled_bytes").store(42);
-    gauges_.Set(Framework::GaugeNames::kEngineConnected, 1);
-    // A container protected by two services counts once, by full or short id.
+// How each counter and gauge is named and labelled is the metrics mapping's own test; that the
+// scrape of a running agent is valid exposition text is the end-to-end metrics case.
+TEST_F(MetricsServerTest, AContainerProtectedByTwoServicesCountsOnceByFullOrShortId) {
     const std::string full(64, 'a');
     gauges_.SetContainers("one", {full, std::string(64, 'b')});
     gauges_.SetContainers("two", {full.substr(0, 12), std::string(64, 'c')});
-
     const Reply reply = Fetch(server_.Port(), "/metrics");
     ASSERT_EQ(reply.status, 200);
     EXPECT_EQ(reply.contentType, Agent::PrometheusText::kContentType);
-    for (const char* line :
-         {"\ntarnwick_protected_containers 3\n", "\ntarnwick_container_engine_connected 1\n",
-          "\ntarnwick_report_spooled_bytes{output=\"file\"} 42\n",
-          "\ntarnwick_framework_send_queue_full_total{task=\"task \\\"q\\\"\"} 3\n"}) {
-        EXPECT_NE(reply.body.find(line), std::string::npos) << line << reply.body;
-    }
+    EXPECT_NE(reply.body.find("\ntarnwick_protected_containers 3\n"), std::string::npos)
+        << reply.body;
     gauges_.SetContainers("one", {});
     EXPECT_NE(Fetch(server_.Port(), "/metrics").body.find("\ntarnwick_protected_containers 2\n"),
               std::string::npos);
-
-    if (TestSupport::Shell::Output("command -v promtool").empty()) {
-        GTEST_SKIP() << "promtool not installed (scripts/setup.sh installs it)";
-    }
-    Poco::TemporaryFile file;
-    TestSupport::FileText::Write(file.path(), reply.body);
-    const auto check = TestSupport::Shell::Run("promtool check metrics < " + file.path() + " 2>&1");
-    EXPECT_TRUE(check.Ok()) << check.out << "\n" << reply.body;
 }
 
-// A service that is not loaded publishes nothing and says nothing about health.
+// Without any service loaded there is nothing to be unhealthy about; each missing part is named.
 TEST_F(MetricsServerTest, HealthSaysWhyItIsDegraded) {
     Reply reply = Fetch(server_.Port(), "/healthz");
     EXPECT_EQ(reply.status, 200);
     EXPECT_EQ(reply.body, "ok\n");
-    gauges_.Set(Framework::GaugeNames::kEngineConnected, 1);
-    gauges_.Set(Framework::GaugeNames::kAuditAvailable, 1);
-    gauges_.Set(Framework::GaugeNames::kWatchesRequested, 5);
-    gauges_.Set(Framework::GaugeNames::kWatchesFailed, 0);
-    EXPECT_EQ(Fetch(server_.Port(), "/healthz").body, "ok\n");
-
     gauges_.Set(Framework::GaugeNames::kEngineConnected, 0);
     gauges_.Set(Framework::GaugeNames::kAuditAvailable, 0);
+    gauges_.Set(Framework::GaugeNames::kWatchesRequested, 5);
     gauges_.Set(Framework::GaugeNames::kWatchesFailed, 2);
     reply = Fetch(server_.Port(), "/healthz");
     EXPECT_EQ(reply.status, 503);

@@ -5,7 +5,6 @@
 #include <vector>
 
 #include "agent/ConfigCheck.h"
-#include "support/FileText.h"
 
 namespace {
 
@@ -57,18 +56,6 @@ TEST(ConfigCheckValues, EdgesOfTheRangesAreTaken) {
     ASSERT_EQ(open.size(), 1u);
     EXPECT_FALSE(open[0].invalid);
     EXPECT_NE(open[0].reason.find("not a loopback address"), std::string::npos);
-}
-
-// The installed settings file names only settings the agent knows, with usable values; only
-// its directories may be missing on a machine where nothing is installed.
-TEST(ConfigCheckValues, TheShippedSettingsFileIsClean) {
-    const std::string text = TestSupport::FileText::Read(std::string(TARNWICK_SOURCE_DIR) +
-                                                         "/agent/etc/agent.properties");
-    ASSERT_FALSE(text.empty());
-    for (const auto& finding : Check(text)) {
-        EXPECT_NE(finding.reason.find("directory /usr/local/tarnwick/"), std::string::npos)
-            << finding.line << ": " << finding.reason;
-    }
 }
 
 }  // namespace

@@ -73,23 +73,20 @@ TEST(LogLineFormatter, WritesWhatThePatternFormatterWrote) {
                                               1700000001000000, 4102444799999000};
     for (const auto micros : times) {
         for (int prio = Poco::Message::PRIO_FATAL; prio <= Poco::Message::PRIO_TRACE; ++prio) {
-            Poco::Message msg("dockerfile_module", "Docker file text: 100%",
-                              static_cast<Poco::Message::Priority>(prio), "UserFileMonitor.cpp",
-                              142);
-            msg.setTime(Poco::Timestamp(micros));
-            std::string expected;
-            std::string got;
-            pattern->format(msg, expected);
-            lines->format(msg, got);
-            EXPECT_EQ(got, expected);
+            for (const bool located : {true, false}) {  // with the logging source line or not
+                Poco::Message msg("dockerfile_module", "Docker file text: 100%",
+                                  static_cast<Poco::Message::Priority>(prio));
+                if (located) msg.setSourceFile("UserFileMonitor.cpp");
+                if (located) msg.setSourceLine(142);
+                msg.setTime(Poco::Timestamp(micros));
+                std::string expected;
+                std::string got;
+                pattern->format(msg, expected);
+                lines->format(msg, got);
+                EXPECT_EQ(got, expected);
+            }
         }
     }
-    Poco::Message bare("agent", "no file", Poco::Message::PRIO_NOTICE);
-    std::string expected;
-    std::string got;
-    pattern->format(bare, expected);
-    lines->format(bare, got);
-    EXPECT_EQ(got, expected);
 }
 
 }  // namespace

@@ -65,10 +65,15 @@ protected:
 };
 
 // Without a service manager there is nothing to tell; a malformed or dead socket is an error,
-// never a crash.
-TEST_F(ServiceNotifierTest, NothingToTellWithoutTheVariableAndAnErrorForABadSocket) {
-    ::unsetenv("NOTIFY_SOCKET");
+// never a crash. (The agent tells an abstract socket in the process test below.)
+TEST_F(ServiceNotifierTest, TellsASocketFileNothingWithoutTheVariableAndFailsOnABadSocket) {
+    NotifySocket manager(dir_ / "notify");
+    ASSERT_TRUE(manager.Bound());
+    ::setenv("NOTIFY_SOCKET", (dir_ / "notify").c_str(), 1);
     std::string error;
+    EXPECT_TRUE(Agent::ServiceNotifier::Notify("READY=1", error)) << error;
+    EXPECT_EQ(manager.Receive(), "READY=1");
+    ::unsetenv("NOTIFY_SOCKET");
     EXPECT_TRUE(Agent::ServiceNotifier::Notify("READY=1", error));
     const std::pair<std::string, bool> cases[] = {{"", true},
                                                   {"relative/notify", false},
@@ -119,11 +124,13 @@ protected:
         pid_ = -1;
         return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
     }
-    // The log lines that hold `needle`.
+    // The log lines that hold `needle`, in the rotated log and the current one.
     std::vector<std::string> LogLines(const std::string& needle) const {
         std::vector<std::string> lines;
-        for (const auto& line : FileText::Lines(log_)) {
-            if (line.find(needle) != std::string::npos) lines.push_back(line);
+        for (const auto& file : {log_ + ".1", log_}) {
+            for (const auto& line : FileText::Lines(file)) {
+                if (line.find(needle) != std::string::npos) lines.push_back(line);
+            }
         }
         return lines;
     }
@@ -137,26 +144,10 @@ protected:
     pid_t pid_ = -1;
 };
 
-// Ready only once started (told through a socket file), and the log file moved away by rotation
-// reopened on SIGHUP, twice in a row; stopping on SIGTERM.
-TEST_F(AgentProcessTest, ReadyOnceStartedReopensTheLogOnSighupAndStopsOnTerm) {
-    Launch(TEST_MODULE_DIR, dir_.Path(), dir_ / "notify");
-    ASSERT_EQ(notify_->Receive(), "READY=1");
-    EXPECT_EQ(LogLines("Agent started").size(), 1u) << FileText::Read(log_);
-    ASSERT_EQ(::rename(log_.c_str(), (log_ + ".1").c_str()), 0);
-    ASSERT_EQ(::kill(pid_, SIGHUP), 0);
-    ASSERT_TRUE(WaitForLog("reopened")) << "no new log at " << log_;
-    ASSERT_EQ(::kill(pid_, SIGHUP), 0);
-    ASSERT_TRUE(WaitForLog("reopened", 2));
-    EXPECT_EQ(Terminate(), 0);
-    EXPECT_EQ(notify_->Receive(5000), "STOPPING=1");
-    EXPECT_NE(FileText::Read(log_ + ".1").find("Agent started"), std::string::npos);
-    EXPECT_EQ(LogLines("Agent stopped").size(), 1u);
-}
-
-// A policy that protects nothing is worth a warning each time it is delivered, not more often.
-// Readiness is told through an abstract socket here.
-TEST_F(AgentProcessTest, WarnsOncePerDeliveryOfAPolicyThatProtectsNothing) {
+// As a service manager runs it: ready only once started (told through an abstract socket), the
+// log moved away by rotation reopened on SIGHUP, twice in a row, a policy that protects nothing
+// warned about once each time it is delivered, stopping on SIGTERM.
+TEST_F(AgentProcessTest, ReadyOnceStartedReopensItsLogWarnsOncePerDeliveryAndStopsOnTerm) {
     // Only the feature module is loaded; the libraries it needs come from the build.
     const std::string modules = dir_.Dir("modules");
     const std::string library = std::string(TARNWICK_LIB_DIR) + "/libdockerfile_module.so";
@@ -165,14 +156,21 @@ TEST_F(AgentProcessTest, WarnsOncePerDeliveryOfAPolicyThatProtectsNothing) {
     FileText::Write(policies + "/10001.json", R"({"content": {"rules": {"image_id": "x"}}})");
     Launch(modules, policies, "@tarnwick-notify-" + std::to_string(::getpid()));
     ASSERT_EQ(notify_->Receive(), "READY=1");
+    EXPECT_EQ(LogLines("Agent started").size(), 1u) << FileText::Read(log_);
     const std::string object = "protects nothing: content.rules is an object, not an array";
     EXPECT_TRUE(WaitForLog(object)) << FileText::Read(log_);
+    ASSERT_EQ(::rename(log_.c_str(), (log_ + ".1").c_str()), 0);
+    ASSERT_EQ(::kill(pid_, SIGHUP), 0);
+    ASSERT_TRUE(WaitForLog("reopened")) << "no new log at " << log_;
     // A second delivery, of another document that protects nothing.
     FileText::Write(policies + "/.next", R"({"content": "{\"rules\": []}"})");
     ASSERT_EQ(std::rename((policies + "/.next").c_str(), (policies + "/10001.json").c_str()), 0);
     EXPECT_TRUE(WaitForLog("protects nothing: content is a string")) << FileText::Read(log_);
+    ASSERT_EQ(::kill(pid_, SIGHUP), 0);
+    ASSERT_TRUE(WaitForLog("reopened", 2));
     EXPECT_EQ(Terminate(), 0);
-    EXPECT_EQ(LogLines(object).size(), 1u) << FileText::Read(log_);
+    EXPECT_EQ(notify_->Receive(5000), "STOPPING=1");
+    EXPECT_EQ(LogLines(object).size(), 1u);
     const auto warnings = LogLines("protects nothing");
     EXPECT_EQ(warnings.size(), 2u) << FileText::Read(log_);
     for (const auto& line : warnings) {
