@@ -1,7 +1,9 @@
 #include <Poco/AutoPtr.h>
 #include <Poco/Channel.h>
+#include <Poco/Format.h>
 #include <Poco/Message.h>
 #include <gtest/gtest.h>
+#include <unistd.h>
 
 #include <mutex>
 #include <string>
@@ -64,6 +66,37 @@ TEST(LogEscaping, ConfiguredLoggersHandOnEscapedRecordsWithTheirOrigin) {
     EXPECT_STREQ(first.getSourceFile(), "LogEscapingTest.cpp");
     EXPECT_GT(first.getSourceLine(), 0);
     EXPECT_EQ(recorder->records[1].getText(), "clean line");
+}
+
+// Records are formatted without Poco::format where they can be; the text must be the one it
+// gives, and whatever the plain formatter does not take must still reach Poco::format.
+TEST(LogRecordText, EqualsPocoFormatForEveryPlaceholderAndFallsBackForTheRest) {
+    Poco::AutoPtr<Recorder> recorder(new Recorder());
+    SDK::LoggerUtils::GetInstance()->Configure(recorder, Poco::Message::PRIO_DEBUG);
+    Poco::Logger* logger = SDK::LoggerUtils::GetInstance()->GetModuleLogger("format_test", true);
+    const std::string s = "a%sb";
+    const std::size_t z = 18446744073709551615ul;
+    std::vector<std::string> want;
+    auto both = [&](const char* fmt, const auto&... args) {
+        want.push_back(Poco::format(fmt, args...));
+        TW_LOG(logger, PRIO_INFORMATION, fmt, args...);
+    };
+    both("plain %s|%d|%ld|%u|%lu|%z|%b|%b|100%%", s, -2147483647 - 1, -5l, 4294967295u, 7ul, z,
+         true, false);
+    both("%s%s", s, std::string());
+    both("%d", s);                             // wrong type
+    both("%s %s", s);                          // an argument missing
+    both("%5d|%-3s|%x|%?d|%[1]s%[0]d", 1, s);  // width, flag, other conversions, index
+    both("%hu %", static_cast<unsigned short>(3));
+    both("trailing %l", 1l);
+    both("extra", s);
+
+    std::lock_guard<std::mutex> lock(recorder->mutex);
+    ASSERT_EQ(recorder->records.size(), want.size());
+    for (std::size_t i = 0; i < want.size(); ++i)
+        EXPECT_EQ(recorder->records[i].getText(), want[i]);
+    EXPECT_EQ(want[0], "plain a%sb|-2147483648|-5|4294967295|7|18446744073709551615|1|0|100%");
+    EXPECT_EQ(recorder->records[0].getPid(), static_cast<long>(::getpid()));
 }
 
 }  // namespace

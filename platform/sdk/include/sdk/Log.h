@@ -9,11 +9,38 @@
 #include <cstddef>
 #include <exception>
 #include <string>
+#include <type_traits>
 #include <vector>
 
 #include "sdk/PathUtils.h"
 
 namespace SDK {
+
+/// One argument of a log record as the plain formatter sees it.
+struct LogArg {
+    enum class Kind { kString, kInt, kLong, kUnsigned, kUnsignedLong, kBool, kOther };
+    Kind kind = Kind::kOther;
+    const void* value = nullptr;
+};
+
+template <typename T>
+LogArg MakeLogArg(const T& value) {
+    using Kind = LogArg::Kind;
+    Kind kind = Kind::kOther;
+    if constexpr (std::is_same_v<T, std::string>) kind = Kind::kString;
+    if constexpr (std::is_same_v<T, int>) kind = Kind::kInt;
+    if constexpr (std::is_same_v<T, long>) kind = Kind::kLong;
+    if constexpr (std::is_same_v<T, unsigned int>) kind = Kind::kUnsigned;
+    if constexpr (std::is_same_v<T, unsigned long>) kind = Kind::kUnsignedLong;
+    if constexpr (std::is_same_v<T, bool>) kind = Kind::kBool;
+    return LogArg{kind, &value};
+}
+
+/// Formats `fmt` with `args` into `out` as Poco::format does, for the plain placeholders the
+/// agent's records use (%s, %d, %ld, %u, %lu, %z, %b, %%) with arguments of their exact types,
+/// without Poco's stream and copies. false (and `out` unspecified) for anything else: a width, a
+/// flag, another conversion, a missing or mistyped argument; the caller then asks Poco::format.
+bool FormatPlainText(std::string& out, const char* fmt, const LogArg* args, std::size_t count);
 
 /// A record made once per thread: a new Poco::Message asks the kernel for the process id every
 /// time (a system call per log line); a copy of this one carries the thread's ids along.
@@ -38,12 +65,16 @@ inline void LogRecord(Poco::Logger* logger, Poco::Message::Priority prio, const 
         if constexpr (sizeof...(Args) == 0) {
             text = fmt;
         } else {
-            // Poco::format's variadic forms copy every argument three times on its way into
-            // the list it formats from; one copy each is enough.
-            std::vector<Poco::Any> values;
-            values.reserve(sizeof...(Args));
-            (values.emplace_back(args), ...);
-            Poco::format(text, fmt, values);
+            const LogArg plain[] = {MakeLogArg(args)...};
+            if (!FormatPlainText(text, fmt, plain, sizeof...(Args))) {
+                // Poco::format's variadic forms copy every argument three times on its way
+                // into the list it formats from; one copy each is enough.
+                text.clear();
+                std::vector<Poco::Any> values;
+                values.reserve(sizeof...(Args));
+                (values.emplace_back(args), ...);
+                Poco::format(text, fmt, values);
+            }
         }
         Poco::Channel* channel = logger->getChannel();
         if (!logger->is(prio) || channel == nullptr) return;
