@@ -173,7 +173,9 @@ TEST_F(SpoolTest, WhatACrashLeftOnDiskIsNeverDelivered) {
         ASSERT_TRUE(TempDir::RemoveTree(dir_));
         Fill(*Open(), {Doc(0)});
         ASSERT_TRUE(FileText::Append(Segments(dir_).back(), c.segmentTail));
-        if (!c.cursor.empty()) ASSERT_TRUE(FileText::Write(dir_ + "/cursor", c.cursor));
+        if (!c.cursor.empty()) {
+            ASSERT_TRUE(FileText::Write(dir_ + "/cursor", c.cursor));
+        }
         auto spool = Open();
         EXPECT_EQ(spool->CutAtOpen(), c.cut);
         Fill(*spool, {Doc(1)});
