@@ -42,15 +42,11 @@ public:
         std::lock_guard<std::mutex> lock(mutex_);
         return entries_;
     }
-    /// Records whose text is `text`, or with `part` contains it.
-    std::vector<Entry> Find(const std::string& text, bool part = false) const {
-        std::vector<Entry> out;
-        for (const auto& e : Entries()) {
-            if (!e.msg && (part ? e.text.find(text) != std::string::npos : e.text == text)) {
-                out.push_back(e);
-            }
-        }
-        return out;
+    /// How many records have exactly the text `text`.
+    size_t Count(const std::string& text) const {
+        size_t n = 0;
+        for (const auto& e : Entries()) n += !e.msg && e.text == text;
+        return n;
     }
     std::string Dump() const {
         std::string all;
