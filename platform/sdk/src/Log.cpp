@@ -1,6 +1,7 @@
 #include "sdk/Log.h"
 
 #include <charconv>
+#include <cstring>
 
 namespace SDK {
 
@@ -48,22 +49,26 @@ bool AppendArg(std::string& out, char spec, bool longMod, const LogArg& arg) {
 
 bool FormatPlainText(std::string& out, const char* fmt, const LogArg* args, std::size_t count) {
     std::size_t next = 0;
-    for (const char* p = fmt; *p != '\0'; ++p) {
-        if (*p != '%') {
-            out += *p;
-            continue;
+    const char* p = fmt;
+    for (;;) {
+        const char* mark = std::strchr(p, '%');
+        if (mark == nullptr) {
+            out.append(p);
+            return true;
         }
-        ++p;
+        out.append(p, mark);
+        p = mark + 1;
         if (*p == '%') {
             out += '%';
+            ++p;
             continue;
         }
         const bool longMod = *p == 'l';
         if (longMod) ++p;
         if (next == count || !AppendArg(out, *p, longMod, args[next])) return false;
         ++next;
+        ++p;
     }
-    return true;
 }
 
 }  // namespace SDK
