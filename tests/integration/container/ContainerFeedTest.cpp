@@ -1,13 +1,12 @@
 // The engine client and the loaded container module: against a stand-in engine for the answers
-// a real one cannot be made to give (broken, oversized, malformed) and for dropping its event
-// stream at will; against the real Docker engine (root, scripts/dockerd.sh) for real containers
-// starting, exiting, and dying while their engine is away.
+// a real one cannot be made to give (broken, oversized, malformed), and against a private real
+// Docker engine (root) for a container that dies while its engine is away. Real containers
+// starting and exiting under the shared engine are the end-to-end suite's (tests/e2e/cases.sh).
 #include <Poco/Exception.h>
 #include <Poco/Net/ServerSocket.h>
 #include <gtest/gtest.h>
 #include <signal.h>
 #include <sys/socket.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
 #include <atomic>
@@ -25,7 +24,6 @@
 #include "container/ContainerRegisterMessage.h"
 #include "container/DockerApiClient.h"
 #include "framework/Counters.h"
-#include "framework/Gauges.h"
 #include "sdk/ConfigUtils.h"
 #include "support/Deadline.h"
 #include "support/RecordingTask.h"
@@ -60,12 +58,6 @@ public:
     void PushEvent(const std::string& line) {
         std::lock_guard<std::mutex> lock(mutex_);
         for (auto& stream : streams_) Send(stream, Chunk(line + "\n"));
-    }
-    // Closes every open event stream (an engine restart, as the client sees it).
-    void DropEventStreams() {
-        std::lock_guard<std::mutex> lock(mutex_);
-        for (auto& stream : streams_) stream.close();
-        streams_.clear();
     }
     size_t OpenEventStreams() {
         std::lock_guard<std::mutex> lock(mutex_);
@@ -230,25 +222,21 @@ const std::string kA = "aaaa01";
 const std::string kB = "bbbb02";
 const std::string kC = "cccc03";
 const std::string kBroken = "dddd04";
-const std::string kE = "eeee05";
 
 std::string Event(const std::string& action, const std::string& id) {
     return R"({"status":")" + action + R"(","id":")" + id + R"(","Type":"container","Action":")" +
            action + R"(","Actor":{"ID":")" + id + R"(","Attributes":{"name":"n"}},"time":1})";
 }
 
+// The stand-in outlives the module: the fixture's TearDown stops the module before members go.
 class FeedAgainstStandIn : public ContainerFeed {
 protected:
-    void TearDown() override {
-        ContainerFeed::TearDown();
-        engine_.reset();
-    }
     // Loads the module against the stand-in running `running`; a subscriber told of them.
     RecordingTask* Start(const std::set<std::string>& running) {
         Run(running);
-        LoadModule(engine_->SocketPath());
+        LoadModule(engine_.SocketPath());
         RecordingTask* rec = Subscriber();
-        EXPECT_TRUE(WaitUntil([this] { return engine_->OpenEventStreams() == 1; }));
+        EXPECT_TRUE(WaitUntil([this] { return engine_.OpenEventStreams() == 1; }));
         for (const auto& id : running) {
             EXPECT_TRUE(WaitUntil([&] { return rec->Count(id, true) == 1; })) << id;
         }
@@ -281,45 +269,36 @@ protected:
 
     std::mutex mutex_;  // guards running_ (server thread reads, test thread writes)
     std::set<std::string> running_;
-    std::unique_ptr<FakeEngine> engine_{
-        new FakeEngine([this](const std::string& path) { return Answer(path); })};
+    FakeEngine engine_{[this](const std::string& path) { return Answer(path); }};
 };
 
-TEST_F(FeedAgainstStandIn, BadAnswersAreSkippedAndCounted) {
-    RecordingTask* rec = Start({kA});
-    EXPECT_EQ(Framework::Gauges::Instance().Value(Framework::GaugeNames::kEngineConnected, -1), 1);
+TEST_F(FeedAgainstStandIn, StartsAndExitsGoToSubscribersAndBadAnswersAreSkippedAndCounted) {
+    RecordingTask* first = Start({kA});
+    RecordingTask* late = Subscriber();
+    ASSERT_TRUE(WaitUntil([&] { return late->Count(kA, true) == 1; }));
+    late->Subscribe(false);
     auto& counters = Framework::Counters::Instance();
     const uint64_t inspect = counters.Value("container.inspect.malformed");
     const uint64_t lines = counters.Value("container.events.malformed");
     const uint64_t gone = counters.Value("container.start.gone");
 
-    Run({kA, kBroken, kE});
-    engine_->PushEvent(Event("start", kBroken));
-    engine_->PushEvent(R"({"Type":"container","Action":"start","Actor":{"ID":"not/hex"}})");
+    Run({kA, kB, kBroken});
+    engine_.PushEvent(Event("start", kBroken));
+    engine_.PushEvent(R"({"Type":"container","Action":"start","Actor":{"ID":"not/hex"}})");
     // C's start arrives after it already stopped: the engine says it does not run.
-    engine_->PushEvent(Event("start", kC));
-    engine_->PushEvent(Event("start", kE));
-    // Handled in order: once E is in, the others have been dealt with.
-    ASSERT_TRUE(WaitUntil([&] { return rec->Count(kE, true) == 1; }));
-    EXPECT_EQ(rec->Count(kBroken, true) + rec->Count(kC, true), 0u);
-    EXPECT_EQ(counters.Value("container.inspect.malformed"), inspect + 1);
-    EXPECT_EQ(counters.Value("container.events.malformed"), lines + 1);
-    EXPECT_EQ(counters.Value("container.start.gone"), gone + 1);
-}
-
-TEST_F(FeedAgainstStandIn, LateSubscriberGetsReplayAndUnsubscribedOneNothingMore) {
-    RecordingTask* first = Start({kA});
-    RecordingTask* late = Subscriber();
-    ASSERT_TRUE(WaitUntil([&] { return late->Count(kA, true) == 1; }));
-    late->Subscribe(false);
-
-    Run({kA, kB});
-    engine_->PushEvent(Event("start", kB));
+    engine_.PushEvent(Event("start", kC));
+    engine_.PushEvent(Event("start", kB));
+    // Handled in order: once B is in, the others have been dealt with.
     ContainerInfo b;
     ASSERT_TRUE(WaitUntil([&] { return first->Find(kB, true, b); }));
     EXPECT_EQ(b.name, "n-" + kB);  // the start carries the inspected description
+    EXPECT_EQ(first->Count(kBroken, true) + first->Count(kC, true), 0u);
+    EXPECT_EQ(counters.Value("container.inspect.malformed"), inspect + 1);
+    EXPECT_EQ(counters.Value("container.events.malformed"), lines + 1);
+    EXPECT_EQ(counters.Value("container.start.gone"), gone + 1);
+
     Run({kA});
-    engine_->PushEvent(Event("die", kB));
+    engine_.PushEvent(Event("die", kB));
     ContainerInfo exited;
     ASSERT_TRUE(WaitUntil([&] { return first->Find(kB, false, exited); }));
     EXPECT_EQ(exited.rootPath, "/m/" + kB);  // the exit carries what the start announced
@@ -327,76 +306,12 @@ TEST_F(FeedAgainstStandIn, LateSubscriberGetsReplayAndUnsubscribedOneNothingMore
     EXPECT_EQ(first->Count(kA, true), 1u);  // the replay went to the late subscriber only
 }
 
-bool IsDirectory(const std::string& path) {
-    struct stat st {};
-    return ::stat(path.c_str(), &st) == 0 && S_ISDIR(st.st_mode);
-}
-
-class FeedAgainstDocker : public ContainerFeed {
-protected:
-    void SetUp() override {
-        if (::geteuid() != 0) GTEST_SKIP() << "needs root to drive the Docker engine";
-    }
-    void TearDown() override {
-        // By name: a run that fails half-way still leaves a created container.
-        for (const auto& name : names_) Docker("rm -f " + name);
-        ContainerFeed::TearDown();
-    }
-    std::string Docker(const std::string& args) {
-        return Shell::Output("docker -H unix://" + socket_ + " " + args + " 2>/dev/null");
-    }
-    // Starts a container that sleeps; its full id.
-    std::string Run() {
-        names_.push_back("tarnwick-test-" + std::to_string(::getpid()) + "-" +
-                         std::to_string(names_.size()));
-        return Docker("run -d --network none --name " + names_.back() + " " + kImage +
-                      " sleep 300");
-    }
-
-    std::string socket_ = "/var/run/docker.sock";
-    std::vector<std::string> names_;
-};
-
-TEST_F(FeedAgainstDocker, RealContainersAreReplayedStartAndExit) {
-    if (Docker(std::string("image inspect -f ok ") + kImage) != "ok") {
-        GTEST_SKIP() << "no engine with " << kImage << " (scripts/dockerd.sh start; ... image)";
-    }
-    const std::string early = Run();
-    ASSERT_EQ(early.size(), 64u) << "docker run failed";
-    LoadModule(socket_);
-    RecordingTask* rec = Subscriber();
-    // Running before the module: announced from the engine's list.
-    ContainerInfo replayed;
-    ASSERT_TRUE(WaitUntil([&] { return rec->Find(early, true, replayed); }, kEngineWait));
-    EXPECT_TRUE(IsDirectory(replayed.rootPath + "/bin")) << replayed.rootPath;
-
-    const std::string id = Run();
-    ASSERT_EQ(id.size(), 64u) << "docker run failed";
-    ContainerInfo info;
-    ASSERT_TRUE(WaitUntil([&] { return rec->Find(id, true, info); }, kEngineWait));
-    EXPECT_EQ(info.name, names_.back());
-    EXPECT_EQ(info.cmd, "sleep 300");
-    EXPECT_EQ(info.imageName, kImage);
-    EXPECT_EQ(info.imageId, Docker(std::string("image inspect -f '{{.Id}}' ") + kImage));
-    EXPECT_TRUE(IsDirectory(info.rootPath + "/bin")) << "not a root filesystem: " << info.rootPath;
-
-    ASSERT_FALSE(Docker("kill " + id).empty());
-    ASSERT_FALSE(Docker("rm -f " + early).empty());
-    ContainerInfo exited;
-    ASSERT_TRUE(
-        WaitUntil([&] { return rec->Find(id, false, exited) && rec->Count(early, false) == 1; },
-                  kEngineWait));
-    EXPECT_EQ(exited.rootPath, info.rootPath);
-    EXPECT_EQ(rec->Count(id, true) + rec->Count(early, true), 2u);
-}
-
 // A private engine of the test's own (socket, data and exec roots, bridge, live restore) that
 // can be stopped and started again under the module.
-class FeedAcrossEngineRestart : public FeedAgainstDocker {
+class FeedAcrossEngineRestart : public ContainerFeed {
 protected:
     void SetUp() override {
-        FeedAgainstDocker::SetUp();
-        if (IsSkipped()) return;
+        if (::geteuid() != 0) GTEST_SKIP() << "needs root to run a Docker engine";
         if (::access("/usr/sbin/dockerd", X_OK) != 0) GTEST_SKIP() << "dockerd not installed";
         tmp_.reset(new TestSupport::TempDir("tarnwick-engine"));
         socket_ = *tmp_ / "docker.sock";
@@ -412,7 +327,9 @@ protected:
         ASSERT_TRUE(Engine("image"));
     }
     void TearDown() override {
-        FeedAgainstDocker::TearDown();
+        // By name: a run that fails half-way still leaves a created container.
+        for (const auto& name : names_) Docker("rm -f " + name);
+        ContainerFeed::TearDown();
         if (!tmp_) return;
         Engine("stop");
         // A live-restore engine leaves its data root mounted; deepest mounts first.
@@ -431,9 +348,21 @@ protected:
                           TARNWICK_SOURCE_DIR "/scripts/dockerd.sh " + verb + " >/dev/null 2>&1")
             .Ok();
     }
+    std::string Docker(const std::string& args) {
+        return Shell::Output("docker -H unix://" + socket_ + " " + args + " 2>/dev/null");
+    }
+    // Starts a container that sleeps; its full id.
+    std::string Run() {
+        names_.push_back("tarnwick-test-" + std::to_string(::getpid()) + "-" +
+                         std::to_string(names_.size()));
+        return Docker("run -d --network none --name " + names_.back() + " " + kImage +
+                      " sleep 300");
+    }
 
     std::unique_ptr<TestSupport::TempDir> tmp_;  // made once the test knows it can run
+    std::string socket_;
     std::string bridge_;
+    std::vector<std::string> names_;
 };
 
 TEST_F(FeedAcrossEngineRestart, ContainerThatDiedWhileTheEngineWasAwayGetsItsExit) {
