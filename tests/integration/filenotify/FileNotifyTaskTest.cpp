@@ -1,6 +1,7 @@
 // The loaded filenotify module as the tasks that ask for watches see it: one user operation is
 // one event, a watch follows its path, each requester gets its own events, and UnInit leaves
-// nothing behind.
+// nothing behind. Plain creates, writes and attribute changes, and files made in directories
+// made after the watch, are the end-to-end suite's (tests/e2e/cases.sh, cases_user_files.sh).
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/inotify.h>
@@ -137,7 +138,6 @@ protected:
 TEST_F(FileNotifyTaskTest, EachOperationIsOneEventAndTheWatchFollowsThePath) {
     int replaced = -1;  // the file sed replaces, still open
     const Step remove = [](const std::string& p) { ASSERT_EQ(::unlink(p.c_str()), 0); };
-    const Step chmod = [](const std::string& p) { ASSERT_EQ(::chmod(p.c_str(), 0600), 0); };
     const Step moveAway = [](const std::string& p) {
         ASSERT_EQ(::rename(p.c_str(), (p + ".old").c_str()), 0);
     };
@@ -152,9 +152,6 @@ TEST_F(FileNotifyTaskTest, EachOperationIsOneEventAndTheWatchFollowsThePath) {
         ::close(replaced);
         Append(p);
     };
-    const Step makeDirs = [](const std::string& p) {
-        std::filesystem::create_directories(std::filesystem::path(p).parent_path());
-    };
     const Step makeDir = [](const std::string& p) { std::filesystem::create_directory(p); };
     const Step createChild = [](const std::string& p) { Create(p + "/hosts"); };
     struct Case {
@@ -165,16 +162,12 @@ TEST_F(FileNotifyTaskTest, EachOperationIsOneEventAndTheWatchFollowsThePath) {
         const char* child;            // the events carry the path plus this
     };
     const std::vector<Case> cases = {
-        {"passwd", nullptr, {Create}, {IN_CREATE}, ""},
-        {"passwd", Create, {Append, chmod}, {IN_MODIFY, IN_ATTRIB}, ""},
         // Removed: the watch waits for the next file.
         {"passwd", Create, {remove, Create, Append}, {IN_DELETE, IN_CREATE, IN_MODIFY}, ""},
         // Moved away: the moved file is no longer followed.
         {"passwd", Create, {moveAway, appendMoved}, {IN_MOVED_FROM}, ""},
         // Replaced by a rename: the new file is followed, the old one no longer.
         {"shadow", Append, {sed, appendBoth}, {IN_MOVED_TO, IN_MODIFY}, ""},
-        // Nothing is reported for the directories made on the way.
-        {"merged/etc/passwd", nullptr, {makeDirs, Create, Append}, {IN_CREATE, IN_MODIFY}, ""},
         // A watched directory's children carry their name.
         {"etc", makeDir, {createChild}, {IN_CREATE}, "/hosts"},
     };
@@ -195,7 +188,7 @@ TEST_F(FileNotifyTaskTest, EachOperationIsOneEventAndTheWatchFollowsThePath) {
     }
 }
 
-TEST_F(FileNotifyTaskTest, EachRequesterGetsItsOwnEventsUntilItRemovesItsWatch) {
+TEST_F(FileNotifyTaskTest, EachRequesterGetsItsOwnEventsAndUnInitLeavesNothingBehind) {
     const std::string p = dir_ + "/passwd";
     Create(p);
     Watch(a_, p, 1);
@@ -214,13 +207,6 @@ TEST_F(FileNotifyTaskTest, EachRequesterGetsItsOwnEventsUntilItRemovesItsWatch) 
     EXPECT_EQ(b_->With(2), (Expected{{p, IN_MODIFY}, {p, IN_MODIFY}}));
     EXPECT_TRUE(a_->With(2).empty());
     EXPECT_TRUE(b_->With(1).empty());
-}
-
-TEST_F(FileNotifyTaskTest, UnInitLeavesNoInotifyInstanceAndTheTaskIsGone) {
-    const std::string p = dir_ + "/passwd";
-    Create(p);
-    Watch(a_, p, 1);
-    Sync(a_);
     EXPECT_EQ(InotifyInstances(), baseline_ + 1);
     service_.Stop();
     EXPECT_EQ(InotifyInstances(), baseline_);
