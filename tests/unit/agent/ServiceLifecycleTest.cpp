@@ -108,12 +108,23 @@ protected:
         std::vector<char*> argv;
         for (auto& arg : args) argv.push_back(arg.data());
         argv.push_back(nullptr);
+        // Made before the fork: between fork and exec a multi-threaded process may only make
+        // async-signal-safe calls, and setenv allocates.
+        std::vector<std::string> env = {"NOTIFY_SOCKET=" + notify,
+                                        std::string("LD_LIBRARY_PATH=") + TARNWICK_LIB_DIR};
+        for (char** e = environ; *e != nullptr; ++e) {
+            const std::string entry = *e;
+            if (entry.rfind("NOTIFY_SOCKET=", 0) != 0 && entry.rfind("LD_LIBRARY_PATH=", 0) != 0) {
+                env.push_back(entry);
+            }
+        }
+        std::vector<char*> envp;
+        for (auto& entry : env) envp.push_back(entry.data());
+        envp.push_back(nullptr);
         pid_ = ::fork();
         ASSERT_GE(pid_, 0);
         if (pid_ > 0) return;
-        ::setenv("NOTIFY_SOCKET", notify.c_str(), 1);
-        ::setenv("LD_LIBRARY_PATH", TARNWICK_LIB_DIR, 1);  // what the real modules need
-        ::execv(AGENT_BINARY, argv.data());
+        ::execve(AGENT_BINARY, argv.data(), envp.data());
         ::_exit(127);
     }
     // Exit code after SIGTERM, -1 when the agent did not end within the deadline.
