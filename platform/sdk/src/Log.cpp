@@ -14,11 +14,11 @@ void AppendNumber(std::string& out, const void* value) {
     out.append(digits, end.ptr);
 }
 
-// Appends one argument for conversion `spec` (with `longMod` for an "l"); false when the
+// Appends one argument for the conversion character (with `longMod` for an "l"); false when the
 // argument's type is not the one Poco::format would take for it.
-bool AppendArg(std::string& out, char spec, bool longMod, const LogArg& arg) {
+bool AppendArg(std::string& out, char conversion, bool longMod, const LogArg& arg) {
     using Kind = LogArg::Kind;
-    switch (spec) {
+    switch (conversion) {
         case 's':
             if (longMod || arg.kind != Kind::kString) return false;
             out += *static_cast<const std::string*>(arg.value);
