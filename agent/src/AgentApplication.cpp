@@ -419,6 +419,13 @@ int AgentApplication::main(const std::vector<std::string>& args) {
     sigaddset(&stopSignals, SIGQUIT);
     sigaddset(&stopSignals, SIGTERM);
     pthread_sigmask(SIG_BLOCK, &stopSignals, nullptr);
+    // SIGHUP is taken by the watcher thread below alone (it unblocks it): the kernel prefers the
+    // main thread, which sits in sigwait until the stop, and a sanitizer runtime holds a handler
+    // back until such a wait returns. Until the watcher runs, a SIGHUP waits pending.
+    sigset_t hangup;
+    sigemptyset(&hangup);
+    sigaddset(&hangup, SIGHUP);
+    pthread_sigmask(SIG_BLOCK, &hangup, nullptr);
     std::string error;
     if (!args.empty()) error = "unexpected argument '" + args.front() + "'";
     if (error.empty()) LoadSettings(error);
@@ -461,6 +468,7 @@ int AgentApplication::main(const std::vector<std::string>& args) {
         std::chrono::milliseconds(SDK::ConfigUtils::GetInt("policy.scan_ms", 1000));
     const int64_t statusEveryS = SDK::ConfigUtils::GetInt("status.interval_s", 60);
     std::thread watcher([&] {
+        pthread_sigmask(SIG_UNBLOCK, &hangup, nullptr);
         auto lastStatus = std::chrono::steady_clock::now();
         auto lastTrim = lastStatus;
         while (!stop.WaitFor(scanEvery)) {
