@@ -235,10 +235,11 @@ TEST_F(AuditModuleTest, RulesFollowTheSubscriber) {
     EXPECT_NE(std::string::npos, FileText::Read(ledger_).find(key));
 
     const uint64_t restoredBefore = restored.load();
-    Shell::Run("auditctl -W " + root + " -p wa -k " + key + " >/dev/null 2>&1");
-    ASSERT_FALSE(HasRuleWithKey(key)) << AuditRules();
-    EXPECT_TRUE(WaitUntil([&] { return HasRuleWithKey(key); })) << AuditRules();
-    EXPECT_EQ(restoredBefore + 1, restored.load());
+    // The repair may come before a look at the rules could see the gap: the counter says it
+    // happened.
+    ASSERT_TRUE(Shell::Run("auditctl -W " + root + " -p wa -k " + key + " >/dev/null 2>&1").Ok());
+    EXPECT_TRUE(WaitUntil([&] { return restored.load() == restoredBefore + 1; }));
+    EXPECT_TRUE(HasRuleWithKey(key)) << AuditRules();
 
     ASSERT_EQ(
         0, recorder_->SendDirectMsg("audit_task", new Engine::AuditUnsubscribeMessage(recorder_)));
