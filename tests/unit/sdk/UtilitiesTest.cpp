@@ -2,12 +2,10 @@
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <json/json.h>
-#include <limits.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <cstdlib>
 #include <regex>
 #include <set>
 #include <string>
@@ -19,9 +17,7 @@
 #include "sdk/InnerCpuCtrlUtils.h"
 #include "sdk/JsonUtils.h"
 #include "sdk/LoggerUtils.h"
-#include "sdk/PathUtils.h"
 #include "sdk/ProcessUtils.h"
-#include "support/Shell.h"
 #include "support/TempDir.h"
 
 namespace {
@@ -31,7 +27,8 @@ using SDK::JsonUtils;
 using SDK::ProcessUtils;
 using TestSupport::TempDir;
 
-TEST(FileSha256, EmptyFileTheSizeLimitAndManyReadBuffers) {
+// Anything but a regular file (a FIFO, a device, a directory) is refused by one check.
+TEST(Files, DigestSizeLimitAndOnlyRegularFilesUnfollowedAreOpened) {
     TempDir dir;
     std::string digest;
     ASSERT_TRUE(FileUtils::GetFileSha256(dir.File("empty", ""), digest, 100));
@@ -39,43 +36,30 @@ TEST(FileSha256, EmptyFileTheSizeLimitAndManyReadBuffers) {
     std::string over;
     EXPECT_FALSE(FileUtils::GetFileSha256(dir.File("big", std::string(101, 'x')), over, 100));
     EXPECT_TRUE(over.empty());
-    const std::string ten = dir.File("ten", std::string(10 << 20, '\x5a'));
-    ASSERT_TRUE(FileUtils::GetFileSha256(ten, digest, 10 << 20)) << "a file at the limit is read";
-    EXPECT_EQ(digest + "\n",
-              TestSupport::Shell::Run("sha256sum '" + ten + "' | cut -d' ' -f1").out);
-}
+    EXPECT_TRUE(FileUtils::GetFileSha256(dir.File("at", std::string(100, 'x')), over, 100));
 
-TEST(FileOpen, FifoDeviceAndDirectoryAreRefusedWithoutHanging) {
-    TempDir dir;
     const std::string fifo = dir.Path() + "/fifo";
     ASSERT_EQ(::mkfifo(fifo.c_str(), 0600), 0);
     EXPECT_LT(FileUtils::OpenRegularFileForRead(fifo), 0);  // no writer: must not block
-    EXPECT_LT(FileUtils::OpenRegularFileForRead("/dev/zero"), 0);
-    EXPECT_LT(FileUtils::OpenRegularFileForRead(dir.Path()), 0);
     // A link swapped in for a resolved path is not followed to the file it names.
-    const std::string target = dir.File("target", "secret");
-    ASSERT_EQ(::symlink(target.c_str(), (dir.Path() + "/swapped").c_str()), 0);
-    EXPECT_LT(FileUtils::OpenRegularFileForRead(dir.Path() + "/swapped"), 0);
-    std::string digest;
-    EXPECT_FALSE(FileUtils::GetFileSha256(fifo, digest, 100));
-    const int fd = FileUtils::OpenRegularFileForRead(dir.File("plain", "x"));
+    ASSERT_EQ(::symlink((dir / "at").c_str(), (dir / "swapped").c_str()), 0);
+    EXPECT_LT(FileUtils::OpenRegularFileForRead(dir / "swapped"), 0);
+    const int fd = FileUtils::OpenRegularFileForRead(dir / "at");
     ASSERT_GE(fd, 0);
     EXPECT_EQ(::fcntl(fd, F_GETFL) & O_NONBLOCK, 0) << "reads of the file should block normally";
     ::close(fd);
 }
 
-TEST(Json, CompactOutputDepthLimitAndTypedAccessors) {
+TEST(Json, DepthLimitAndTypedAccessors) {
     Json::Value doc;
-    ASSERT_EQ(JsonUtils::ParseJsonStr(R"({ "a" : [1, 2], "b" : {"c": "d"} })", doc), 0);
-    EXPECT_EQ(JsonUtils::JsonToString(doc), R"({"a":[1,2],"b":{"c":"d"}})");
     const std::string deep(100000, '[');
     EXPECT_NE(JsonUtils::ParseJsonStr(deep.c_str(), deep.size(), doc), 0);
     EXPECT_NE(JsonUtils::ParseJsonStr("{not json", doc), 0);
-    EXPECT_EQ(JsonUtils::GetStringValue(doc, "missing", "dflt"), "dflt");
     // A member of the wrong type reads as absent.
     Json::Value typed;
-    JsonUtils::ParseJsonStr(R"({"s":1,"b":"true","o":[],"a":{}})", typed);
+    ASSERT_EQ(JsonUtils::ParseJsonStr(R"({ "s" : 1, "b":"true","o":[],"a":{}})", typed), 0);
     EXPECT_EQ(JsonUtils::GetStringValue(typed, "s", "d"), "d");
+    EXPECT_EQ(JsonUtils::GetStringValue(typed, "missing", "dflt"), "dflt");
     EXPECT_FALSE(JsonUtils::GetBoolValue(typed, "b", false));
     Json::Value out;
     EXPECT_FALSE(JsonUtils::GetSubobjectValue(typed, "o", out));
@@ -111,7 +95,8 @@ TEST(Json, WrittenExactlyAsJsonCppWritesValidText) {
 // The report task's check of every alarm: strict JSON, one object, nothing built.
 TEST(Json, OnlyOneStrictJsonObjectIsTakenForAnObject) {
     const std::string nest64 = std::string(63, '[') + std::string(63, ']');
-    const std::string nest65 = std::string(64, '[') + std::string(64, ']');
+    const std::string nest65 = "{\"a\":" + std::string(64, '[') + std::string(64, ']') + "}";
+    const std::string nul("{\"a\":\"\0\"}", 7);
     // Duplicate names are valid JSON; 64 levels of nesting are the most taken.
     const std::vector<std::string> objects = {
         R"({})",
@@ -124,35 +109,31 @@ TEST(Json, OnlyOneStrictJsonObjectIsTakenForAnObject) {
     for (const auto& text : objects) EXPECT_TRUE(JsonUtils::IsJsonObject(text)) << text;
     // Not one strict object: syntax, numbers, strings (escapes, control bytes, bad UTF-8).
     const std::vector<std::string> notObjects[] = {
-        {R"([])", R"("text")", R"({} {})", R"({"a":1,})", R"({"a" 1})", R"({a:1})", R"({'a':1})",
-         "{/*c*/}", "{\"a\":1", "{\"a\":\"", "", "{\"a\":" + nest65 + "}"},
+        {R"([])", R"("text")", R"({} {})", R"({"a":1,})", R"({"a" 1})", R"({a:1})", "{/*c*/}",
+         "{\"a\":1", "{\"a\":\"", "", nest65},
         {R"({"a":01})", R"({"a":1.})", R"({"a":.5})", R"({"a":-})", R"({"a":1e})", R"({"a":1e999})",
          R"({"a":+1})", R"({"a":tru})"},
         {R"({"a":"\x41"})", R"({"a":"\ud800"})", R"({"a":"\udc00"})", R"({"a":"\ud800\u0041"})",
          R"({"a":"\u12G4"})", "{\"a\":\"tab\there\"}", "{\"a\":\"\xC0\xAF\"}",
-         "{\"a\":\"\xED\xA0\x80\"}", std::string("{\"a\":\"\0\"}", 7)}};
+         "{\"a\":\"\xED\xA0\x80\"}", nul}};
     for (const auto& group : notObjects) {
         for (const auto& text : group) EXPECT_FALSE(JsonUtils::IsJsonObject(text)) << text;
     }
 
+    // Only the top level's string member is captured.
     std::string cls = "unset";
-    EXPECT_TRUE(JsonUtils::IsJsonObject(
-        R"({"x":{"event_classid":"inner"},"event_classid":"dockerfile_001"})", "event_classid",
-        &cls));
+    EXPECT_TRUE(JsonUtils::IsJsonObject(R"({"c":7,"x":{"c":"inner"}})", "c", &cls));
+    EXPECT_EQ(cls, "unset");
+    EXPECT_TRUE(JsonUtils::IsJsonObject(R"({"x":{"c":"inner"},"c":"dockerfile_001"})", "c", &cls));
     EXPECT_EQ(cls, "dockerfile_001");
-    cls = "unset";
-    EXPECT_TRUE(JsonUtils::IsJsonObject(R"({"event_classid":7})", "event_classid", &cls));
-    EXPECT_EQ(cls, "unset") << "only a string is captured";
 }
 
 // Found by fuzzing: names that differ only in bytes that are not UTF-8 become alike once
 // written, and their order changes; the text must still read back to itself.
 TEST(Json, NamesThatBecomeAlikeWhenWrittenAreOneMemberInTheirWrittenOrder) {
     Json::Value doc(Json::objectValue);
-    doc["\xFF"
-        "a"] = 1;
-    doc["\xFE"
-        "a"] = 2;
+    doc["\xFF\x61"] = 1;  // "a" after a byte that is not UTF-8
+    doc["\xFE\x61"] = 2;
     doc["b"] = 3;
     const std::string text = JsonUtils::JsonToString(doc);
     EXPECT_EQ(text, R"({"b":3,"\ufffda":1})");
@@ -165,9 +146,7 @@ TEST(Json, NamesThatBecomeAlikeWhenWrittenAreOneMemberInTheirWrittenOrder) {
 // itself or plainly undecodable, never another plausible name, and it must read back the same.
 TEST(Json, BytesThatAreNotUtf8AreWrittenAsReplacementCharacters) {
     Json::Value doc(Json::objectValue);
-    doc["file"] =
-        "/tmp/\xC9"
-        "d";                            // a lead byte without its continuation
+    doc["file"] = "/tmp/\xC9\x64";      // a lead byte without its continuation, then "d"
     doc["lone"] = "\xAA";               // a continuation byte alone
     doc["surrogate"] = "\xED\xA0\x80";  // U+D800 spelt in UTF-8
     doc["overlong"] = "\xC0\xAF";       // "/" in two bytes
@@ -181,44 +160,22 @@ TEST(Json, BytesThatAreNotUtf8AreWrittenAsReplacementCharacters) {
     Json::Value again;
     ASSERT_EQ(JsonUtils::ParseJsonStr(text, again), 0);
     EXPECT_EQ(JsonUtils::JsonToString(again), text);
-    EXPECT_EQ(again["valid"].asString(), "\xC3\xA9\xF0\x9F\x98\x80");
-    EXPECT_EQ(doc["file"].asString(),
-              "/tmp/\xC9"
-              "d");  // the caller's document is left alone
-}
-
-TEST(Paths, FileNameAndCanonicalForm) {
-    EXPECT_EQ(SDK::PathUtils::GetFileNameFromPath("plain"), "plain");  // with a slash: the log test
-    TempDir dir;
-    const std::string target = dir.File("t", "x");
-    ASSERT_EQ(::symlink(target.c_str(), (dir.Path() + "/link").c_str()), 0);
-    char resolved[PATH_MAX];
-    ASSERT_NE(::realpath(target.c_str(), resolved), nullptr);
-    EXPECT_EQ(SDK::PathUtils::GetExistedCanonicalizePath(dir.Path() + "/./link"), resolved);
-    EXPECT_EQ(SDK::PathUtils::GetExistedCanonicalizePath(dir.Path() + "/missing"), "");
+    EXPECT_EQ(doc["file"].asString(), "/tmp/\xC9\x64");  // the caller's document is left alone
 }
 
 TEST(ContainerOfProcess, CgroupV1V2AndPodmanForms) {
     const std::string id(64, 'a');
     const std::string podman = "3d64fa20aee3959c65f7af8a9fa6a272aa258b17ff92a127a213fa662e5a2d22";
-    const struct {
-        std::string cgroup;
-        std::string id;
-    } cases[] = {
-        {"12:pids:/docker/" + id + "\n1:name=systemd:/docker/" + id + "\n", id},
+    // Podman's conmon is no container.
+    const std::pair<std::string, std::string> cases[] = {
+        {"bad line\n12:pids:/docker/" + id + "\n1:name=systemd:/docker/" + id + "\n", id},
         {"0::/system.slice/docker-" + id + ".scope\n", id},
         {"0::/user.slice/session-1.scope\n", ""},
-        {"0::/docker/nothex\n", ""},
-        // Podman with cgroupfs (captured) and with systemd; its conmon is no container.
-        {"9:name=systemd:/libpod_parent/libpod-" + podman + "\n8:pids:/libpod_parent/libpod-" +
-             podman + "\n",
-         podman},
+        {"0::/docker/" + id + "x\n", ""},
         {"0::/machine.slice/libpod-" + podman + ".scope/container\n", podman},
-        {"0::/machine.slice/libpod-conmon-" + podman + ".scope\n", ""},
-    };
-    for (const auto& c : cases) {
-        EXPECT_EQ(ProcessUtils::ParseContainerIdFromCgroup(c.cgroup), c.id) << c.cgroup;
-    }
+        {"0::/machine.slice/libpod-conmon-" + podman + ".scope\n", ""}};
+    for (const auto& c : cases)
+        EXPECT_EQ(ProcessUtils::ParseContainerIdFromCgroup(c.first), c.second);
 }
 
 // Short-lived writers are gone before an alarm asks who they were: the capture answers for
@@ -232,51 +189,44 @@ TEST(ContainerOfProcess, ACapturedProcessIsNamedAfterItExited) {
     const std::string guess(64, 'c');
     ProcessUtils::CaptureProcess(child, guess);
     ProcessUtils::CaptureProcess(child);
-    std::string id;
-    ProcessUtils::GetContainerID(child, id);
-    EXPECT_EQ(id, guess);
-
-    ProcessUtils::CaptureProcess(::getpid(), std::string(64, 'b'));
-    for (const int pid : {static_cast<int>(::getpid()), 0x7ffffff0}) {
-        id.clear();
+    auto idOf = [](int pid) {
+        std::string id;
         ProcessUtils::GetContainerID(pid, id);
-        EXPECT_EQ(id, "") << pid;
-    }
+        return id;
+    };
+    EXPECT_EQ(idOf(child), guess);
+    ProcessUtils::CaptureProcess(::getpid(), std::string(64, 'b'));
+    EXPECT_EQ(idOf(::getpid()), "") << "a running process is judged by its own cgroup";
+    EXPECT_EQ(idOf(0x7ffffff0), "");
 }
 
 TEST(CpuLimiter, SleepSpreadsUsedTimeOverTheAllowedShare) {
     using SDK::InnerCpuCtrlUtils;
     EXPECT_EQ(InnerCpuCtrlUtils::ComputeSleepMs(100, 100, 0), 0u) << "0 means off";
-    EXPECT_EQ(InnerCpuCtrlUtils::ComputeSleepMs(100, 100, 100), 0u);
     EXPECT_EQ(InnerCpuCtrlUtils::ComputeSleepMs(50, 100, 50), 0u) << "already within share";
     EXPECT_EQ(InnerCpuCtrlUtils::ComputeSleepMs(100, 100, 50), 100u);
-    EXPECT_EQ(InnerCpuCtrlUtils::ComputeSleepMs(100, 0, 25), 400u);
-    InnerCpuCtrlUtils::SetLimitPercent(30);
-    EXPECT_TRUE(InnerCpuCtrlUtils::IsEnabled());
-    InnerCpuCtrlUtils::SetLimitPercent(0);
-    EXPECT_FALSE(InnerCpuCtrlUtils::IsEnabled());
+    EXPECT_EQ(InnerCpuCtrlUtils::ComputeSleepMs(400, 0, 25), 1000u) << "at most a second";
 }
 
 TEST(Logging, LevelNamesAndNumbers) {
     EXPECT_EQ(SDK::LoggerUtils::ParseLevel("debug"), 7);
-    EXPECT_EQ(SDK::LoggerUtils::ParseLevel("warning"), 4);
+    EXPECT_EQ(SDK::LoggerUtils::ParseLevel(" Warn"), 4);
     EXPECT_EQ(SDK::LoggerUtils::ParseLevel("6"), 6);
-    EXPECT_EQ(SDK::LoggerUtils::ParseLevel("loud"), -1);
+    EXPECT_EQ(SDK::LoggerUtils::ParseLevel("9"), -1);
 }
 
 TEST(Uuids, ManyFromSeveralThreadsAreDistinctVersion4Texts) {
     // Well past one thread's pool of random bytes, from two threads at once.
-    constexpr int kEach = 3000;
-    std::vector<std::string> first(kEach);
-    std::vector<std::string> second(kEach);
-    std::thread other([&] {
-        for (auto& id : second) id = SDK::CryptoCodeUtils::GenerateUUID();
-    });
-    for (auto& id : first) id = SDK::CryptoCodeUtils::GenerateUUID();
+    std::vector<std::string> ids(6000);
+    auto fill = [&ids](std::size_t from) {
+        for (std::size_t i = from; i < ids.size(); i += 2)
+            ids[i] = SDK::CryptoCodeUtils::GenerateUUID();
+    };
+    std::thread other(fill, 1);
+    fill(0);
     other.join();
-    std::set<std::string> seen(first.begin(), first.end());
-    seen.insert(second.begin(), second.end());
-    EXPECT_EQ(seen.size(), 2u * kEach);
+    const std::set<std::string> seen(ids.begin(), ids.end());
+    EXPECT_EQ(seen.size(), ids.size());
     const std::regex version4(
         "[0-9a-f]{8}-[0-9a-f]{4}-4[0-9a-f]{3}-[89ab][0-9a-f]{3}-[0-9a-f]{12}");
     for (const std::string& id : seen) ASSERT_TRUE(std::regex_match(id, version4)) << id;
