@@ -41,41 +41,30 @@ TEST_F(ContainerRegistryTest, PathsBelongToTheDeepestRootAtAComponentBoundary) {
                                                          {a + "etc/hosts", ""},
                                                          {"/var/lib/docker/overlay2/a", ""},
                                                          {"relative/merged/etc", ""},
-                                                         {"", ""},
-                                                         {"/etc/passwd", ""},
                                                          {"/merged/etc", ""}};
     for (const auto& c : cases) EXPECT_EQ(RootOf(c.first), c.second) << c.first;
 }
 
-TEST_F(ContainerRegistryTest, AnExitedContainerStaysKnownWithoutItsProcessUntilItRestarts) {
-    registry_.Started("/r/merged", "aa", 10);
-    registry_.Exited("/r/merged");
-    ContainerRegistry::Entry entry;
-    ASSERT_TRUE(registry_.Find("/r/merged/etc", entry));
-    EXPECT_EQ(entry.pid, 0);
-    EXPECT_EQ(entry.id, "aa");
-    registry_.Started("/r/merged", "aa", 12);
-    ASSERT_TRUE(registry_.Find("/r/merged/etc", entry));
-    EXPECT_EQ(entry.pid, 12);
-}
-
-TEST_F(ContainerRegistryTest, OnlyTheMostRecentlyExitedAreKept) {
+// An exited container stays known, without its process, until it restarts; only the most
+// recently exited are, and a running container is never forgotten for others' exits.
+TEST_F(ContainerRegistryTest, ExitedContainersStayKnownWithoutTheirProcessTheLatestOnly) {
     const std::size_t extra = 3;
+    registry_.Started("/running", "bb", 7);
     for (std::size_t i = 0; i < ContainerRegistry::kMaxExited + extra; ++i) {
         const std::string root = "/r/" + std::to_string(i);
-        registry_.Started(root, "aa", 100);
+        registry_.Started(root, "id" + std::to_string(i), 100);
         registry_.Exited(root);
         registry_.Exited(root);  // a second exit is no second tombstone
     }
     for (std::size_t i = 0; i < extra; ++i) EXPECT_EQ(RootOf("/r/" + std::to_string(i) + "/f"), "");
-    EXPECT_EQ(RootOf("/r/" + std::to_string(extra) + "/f"), "/r/" + std::to_string(extra));
-    // A running container is never forgotten for others' exits.
-    registry_.Started("/running", "bb", 7);
-    for (std::size_t i = 0; i < ContainerRegistry::kMaxExited + 1; ++i) {
-        const std::string root = "/s/" + std::to_string(i);
-        registry_.Started(root, "aa", 100);
-        registry_.Exited(root);
-    }
+    const std::string oldest = "/r/" + std::to_string(extra);
+    ContainerRegistry::Entry entry;
+    ASSERT_TRUE(registry_.Find(oldest + "/etc", entry));
+    EXPECT_EQ(entry.rootPath, oldest);
+    EXPECT_EQ(entry.id, "id" + std::to_string(extra));
+    EXPECT_EQ(entry.pid, 0);
+    registry_.Started(oldest, entry.id, 12);
+    EXPECT_TRUE(registry_.Find(oldest + "/etc", entry) && entry.pid == 12);
     EXPECT_EQ(RootOf("/running/etc"), "/running");
 }
 
