@@ -5,18 +5,10 @@
 #include "process_collect/AuditPathResolver.h"
 #include "support/TempDir.h"
 
-using Engine::AuditLogPath;
 using Engine::AuditLogSyscall;
 using Engine::AuditPathResolver;
 
 namespace {
-
-AuditLogPath Item(const std::string& name, const std::string& type) {
-    AuditLogPath item;
-    item.name = name;
-    item.nametype = type;
-    return item;
-}
 
 TEST(AuditPathResolver, ItemsResolveInsideTheRootAndWhatLeavesItIsDropped) {
     TestSupport::TempDir tmp("tw-resolve");
@@ -30,9 +22,11 @@ TEST(AuditPathResolver, ItemsResolveInsideTheRootAndWhatLeavesItIsDropped) {
 
     const SDK::ContainerRoot container(root);
     AuditLogSyscall syscall;
-    syscall.paths = {Item(root + "/bin/link", "CREATE"),
-                     Item(root + "/../../../bin/tool", "NORMAL"), Item(root + "/bin/out", "NORMAL"),
-                     Item(root + "/bin/gone", "DELETE"), Item(root + "/bin", "PARENT")};
+    syscall.paths = {{root + "/bin/link", "CREATE", {}, {}},
+                     {root + "/../../../bin/tool", "NORMAL", {}, {}},
+                     {root + "/bin/out", "NORMAL", {}, {}},
+                     {root + "/bin/gone", "DELETE", {}, {}},
+                     {root + "/bin", "PARENT", {}, {}}};
     ASSERT_TRUE(AuditPathResolver::Resolve(container, syscall));
     ASSERT_EQ(3u, syscall.paths.size());
     EXPECT_EQ(root + "/bin/tool", syscall.paths[0].name);
@@ -41,9 +35,9 @@ TEST(AuditPathResolver, ItemsResolveInsideTheRootAndWhatLeavesItIsDropped) {
     EXPECT_EQ(root + "/bin", syscall.paths[2].name);
 
     // Nothing to look at: only directories left, or nothing inside the root.
-    syscall.paths = {Item(root + "/bin/gone", "DELETE"), Item(root + "/bin", "PARENT")};
+    syscall.paths = {{root + "/bin/gone", "DELETE", {}, {}}, {root + "/bin", "PARENT", {}, {}}};
     EXPECT_FALSE(AuditPathResolver::Resolve(container, syscall));
-    syscall.paths = {Item(host + "/outside", "NORMAL")};
+    syscall.paths = {{host + "/outside", "NORMAL", {}, {}}};
     EXPECT_FALSE(AuditPathResolver::Resolve(container, syscall));
 }
 
