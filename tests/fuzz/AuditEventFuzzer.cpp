@@ -4,14 +4,12 @@
 // the records carry, every path that comes out must lie inside that root.
 #include <unistd.h>
 
-#include <cstddef>
-#include <cstdint>
+#include <charconv>
 #include <cstdlib>
+#include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <memory>
-#include <string>
-#include <vector>
 
 #include "FuzzCheck.h"
 #include "process_collect/AuditEventBuilder.h"
@@ -30,53 +28,43 @@ namespace fs = std::filesystem;
 
 // A small container root below TMPDIR, made once and removed at exit: files, a directory, and
 // links that try to lead out of it.
-class FakeRoot {
-public:
+struct FakeRoot {
     FakeRoot() {
         std::string pattern = (fs::temp_directory_path() / "tw-fuzz-root.XXXXXX").string();
         if (mkdtemp(pattern.data()) == nullptr) std::abort();
-        dir_ = pattern;
-        fs::create_directories(dir_ / "etc");
-        fs::create_directories(dir_ / "bin");
-        std::ofstream(dir_ / "etc/passwd") << "root:x:0:0::/root:/bin/sh\n";
-        std::ofstream(dir_ / "bin/tool") << "\x7f"
-                                            "ELF";
-        fs::create_symlink("/etc/passwd", dir_ / "etc/abs-link");
-        fs::create_symlink("../../../../..", dir_ / "up");
-        fs::create_symlink("loop", dir_ / "loop");
-        root_ = std::make_unique<SDK::ContainerRoot>(dir_.string());
-        if (!root_->IsOpen()) std::abort();
+        dir = pattern;
+        fs::create_directories(dir / "etc");
+        fs::create_directories(dir / "bin");
+        std::ofstream(dir / "etc/passwd") << "root:x:0:0::/root:/bin/sh\n";
+        std::ofstream(dir / "bin/tool") << "\177ELF";
+        fs::create_symlink("/etc/passwd", dir / "etc/abs-link");
+        fs::create_symlink("../../../../..", dir / "up");
+        fs::create_symlink("loop", dir / "loop");
+        root = std::make_unique<SDK::ContainerRoot>(dir.string());
+        if (!root->IsOpen()) std::abort();
     }
     ~FakeRoot() {
-        root_.reset();
+        root.reset();
         std::error_code ignored;
-        fs::remove_all(dir_, ignored);
+        fs::remove_all(dir, ignored);
     }
-    const SDK::ContainerRoot& Root() const { return *root_; }
-
-private:
-    fs::path dir_;
-    std::unique_ptr<SDK::ContainerRoot> root_;
+    fs::path dir;
+    std::unique_ptr<SDK::ContainerRoot> root;
 };
 
-const FakeRoot& Fake() {
-    static FakeRoot fake;
-    return fake;
-}
-
 int Rank(const std::string& nametype) {
-    if (nametype == "CREATE") return 0;
-    return nametype == "PARENT" ? 2 : 1;
+    return nametype == "CREATE" ? 0 : nametype == "PARENT" ? 2 : 1;
 }
 
 void CheckEvent(const Engine::JoinedAuditEvent& event) {
+    static const FakeRoot fake;
+    const SDK::ContainerRoot& root = *fake.root;
     FUZZ_CHECK(event.records.size() <= kMaxRecords);
     if (event.records.empty()) return;
     FUZZ_CHECK(event.records.front().type == Engine::AuditRecordType::kSyscall);
     for (const auto& key : Engine::AuditEventBuilder::Keys(event.records.front())) {
         FUZZ_CHECK(!key.empty() && key.find('\x01') == std::string::npos);
     }
-    const SDK::ContainerRoot& root = Fake().Root();
     // Roots spelled as rules may carry them: with a trailing slash, and among others.
     const std::vector<std::string> roots =
         event.serial % 2 == 0 ? std::vector<std::string>{root.Path()}
@@ -87,11 +75,10 @@ void CheckEvent(const Engine::JoinedAuditEvent& event) {
         FUZZ_CHECK(!error.empty());
         return;
     }
-    int lastRank = 0;
-    for (const auto& item : syscall.paths) {
-        FUZZ_CHECK(!item.name.empty());
-        FUZZ_CHECK(Rank(item.nametype) >= lastRank);
-        lastRank = Rank(item.nametype);
+    for (std::size_t i = 0; i < syscall.paths.size(); ++i) {
+        FUZZ_CHECK(!syscall.paths[i].name.empty());
+        FUZZ_CHECK(i == 0 ||
+                   Rank(syscall.paths[i].nametype) >= Rank(syscall.paths[i - 1].nametype));
     }
     const bool useful = Engine::AuditPathResolver::Resolve(root, syscall);
     for (const auto& item : syscall.paths) {
@@ -100,22 +87,18 @@ void CheckEvent(const Engine::JoinedAuditEvent& event) {
     if (useful) FUZZ_CHECK(syscall.paths.front().nametype != "PARENT");
 }
 
-bool ParseLine(const std::string& line, Engine::AuditRecord& record) {
-    const std::size_t blank = line.find(' ');
-    if (blank == 0 || blank == std::string::npos || blank > 5) return false;
+// "<type> <record text>", the type at most 5 digits; read from the fuzzer's own buffer, so that
+// a read past a line's end is caught.
+bool ParseLine(const char* line, std::size_t size, Engine::AuditRecord& record) {
     int type = 0;
-    for (std::size_t i = 0; i < blank; ++i) {
-        if (line[i] < '0' || line[i] > '9') return false;
-        type = type * 10 + (line[i] - '0');
-    }
+    const auto [end, ec] = std::from_chars(line, line + std::min<std::size_t>(size, 5), type);
+    if (ec != std::errc() || line[0] == '-' || end == line + size || *end != ' ') return false;
     std::string error;
-    return Engine::AuditRecordParser::Parse(type, line.data() + blank + 1, line.size() - blank - 1,
-                                            record, error);
+    return Engine::AuditRecordParser::Parse(type, end + 1, line + size - end - 1, record, error);
 }
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, std::size_t size) {
-    const std::string input(reinterpret_cast<const char*>(data), size);
     Engine::AuditEventJoiner joiner(
         kMaxPending, kMaxRecords, kStaleMs, [](const Engine::AuditRecord& syscallRecord) {
             // Keyed events and most others: the filter both takes and refuses.
@@ -124,16 +107,15 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, std::size_t size) {
         });
     std::vector<Engine::JoinedAuditEvent> events;
     uint64_t nowMs = 0;
-    std::size_t start = 0;
-    while (start < input.size()) {
-        std::size_t end = input.find('\n', start);
-        if (end == std::string::npos) end = input.size();
+    const char* const text = reinterpret_cast<const char*>(data);
+    for (std::size_t start = 0; start < size; nowMs += kMsPerLine) {
+        const void* newline = std::memchr(text + start, '\n', size - start);
+        const std::size_t end = newline ? static_cast<const char*>(newline) - text : size;
         Engine::AuditRecord record;
-        if (ParseLine(input.substr(start, end - start), record)) {
+        if (ParseLine(text + start, end - start, record)) {
             joiner.Add(std::move(record), nowMs, events);
         }
-        nowMs += kMsPerLine;
-        joiner.FlushStale(nowMs, events);
+        joiner.FlushStale(nowMs + kMsPerLine, events);
         FUZZ_CHECK(joiner.Pending() <= kMaxPending);
         start = end + 1;
     }

@@ -1,50 +1,18 @@
 // One audit record, "<type> <record text>" as the captured files in tests/data/audit hold them,
 // through the record parser and the decoders of untrusted fields.
-#include <cstddef>
-#include <cstdint>
-#include <string>
+#include <charconv>
 
 #include "FuzzCheck.h"
 #include "process_collect/AuditRecordParser.h"
 
-namespace {
-// A leading decimal type and one blank; without it the whole input is a SYSCALL record.
-std::size_t SplitType(const char* text, std::size_t size, int& type) {
-    type = Engine::AuditRecordType::kSyscall;
-    std::size_t digits = 0;
-    int value = 0;
-    while (digits < size && digits < 5 && text[digits] >= '0' && text[digits] <= '9') {
-        value = value * 10 + (text[digits] - '0');
-        ++digits;
-    }
-    if (digits == 0 || digits >= size || text[digits] != ' ') return 0;
-    type = value;
-    return digits + 1;
-}
-
-void CheckFields(const Engine::AuditRecord& record) {
-    FUZZ_CHECK(record.fields.size() <= Engine::AuditRecordParser::kMaxFields);
-    for (const auto& field : record.fields) {
-        FUZZ_CHECK(!field.first.empty());
-        FUZZ_CHECK(field.first.find('=') == std::string::npos);
-        FUZZ_CHECK(record.Find(field.first) != nullptr);
-        bool isNull = false;
-        const std::string decoded =
-            Engine::AuditRecordParser::DecodeUntrusted(field.second, &isNull);
-        FUZZ_CHECK(!isNull || decoded.empty());
-        FUZZ_CHECK(decoded.size() <= field.second.size());
-        std::string bytes;
-        if (Engine::AuditRecordParser::HexDecode(field.second, bytes)) {
-            FUZZ_CHECK(bytes.size() * 2 == field.second.size());
-        }
-    }
-}
-}  // namespace
-
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, std::size_t size) {
     const char* text = reinterpret_cast<const char*>(data);
+    // A leading decimal type (at most 5 digits) and one blank; without it, a SYSCALL record.
     int type = 0;
-    const std::size_t skip = SplitType(text, size, type);
+    const auto [end, ec] = std::from_chars(text, text + std::min<std::size_t>(size, 5), type);
+    const bool typed = ec == std::errc() && text[0] != '-' && end < text + size && *end == ' ';
+    if (!typed) type = Engine::AuditRecordType::kSyscall;
+    const std::size_t skip = typed ? end - text + 1 : 0;
     Engine::AuditRecord record;
     std::string error;
     // The fuzzer's own buffer, not a copy: a read past its end is caught.
@@ -53,6 +21,18 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, std::size_t size) {
         return 0;
     }
     FUZZ_CHECK(record.type == type);
-    CheckFields(record);
+    FUZZ_CHECK(record.fields.size() <= Engine::AuditRecordParser::kMaxFields);
+    for (const auto& [name, value] : record.fields) {
+        FUZZ_CHECK(!name.empty() && name.find('=') == std::string::npos);
+        FUZZ_CHECK(record.Find(name) != nullptr);
+        bool isNull = false;
+        const std::string decoded = Engine::AuditRecordParser::DecodeUntrusted(value, &isNull);
+        FUZZ_CHECK(!isNull || decoded.empty());
+        FUZZ_CHECK(decoded.size() <= value.size());
+        std::string bytes;
+        if (Engine::AuditRecordParser::HexDecode(value, bytes)) {
+            FUZZ_CHECK(bytes.size() * 2 == value.size());
+        }
+    }
     return 0;
 }

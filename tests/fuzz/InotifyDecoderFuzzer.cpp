@@ -2,12 +2,8 @@
 // buffer and once from a copy one byte off alignment.
 #include <sys/inotify.h>
 
-#include <cstddef>
-#include <cstdint>
 #include <cstring>
 #include <memory>
-#include <string>
-#include <vector>
 
 #include "FuzzCheck.h"
 #include "filenotify/InotifyDecoder.h"
@@ -34,15 +30,14 @@ std::vector<Engine::InotifyRecord> DecodeChecked(const unsigned char* bytes, std
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, std::size_t size) {
-    const std::vector<Engine::InotifyRecord> aligned = DecodeChecked(data, size);
-
+    const auto aligned = DecodeChecked(data, size);
     std::unique_ptr<unsigned char[]> shifted(new unsigned char[size + 1]);
     if (size > 0) std::memcpy(shifted.get() + 1, data, size);
-    const std::vector<Engine::InotifyRecord> unaligned = DecodeChecked(shifted.get() + 1, size);
+    const auto unaligned = DecodeChecked(shifted.get() + 1, size);
     FUZZ_CHECK(aligned.size() == unaligned.size());
     for (std::size_t i = 0; i < aligned.size(); ++i) {
-        FUZZ_CHECK(aligned[i].wd == unaligned[i].wd && aligned[i].mask == unaligned[i].mask);
-        FUZZ_CHECK(aligned[i].name == unaligned[i].name);
+        FUZZ_CHECK(aligned[i].wd == unaligned[i].wd && aligned[i].mask == unaligned[i].mask &&
+                   aligned[i].name == unaligned[i].name);
     }
     FUZZ_CHECK(Engine::DecodeInotifyEvents(nullptr, size, nullptr).empty());
     return 0;

@@ -2,27 +2,9 @@
 // JsonToString writes (an alarm is one line of it) is one line that parses again, and the
 // same text JsonCpp's own writer gives; what IsJsonObject takes, JsonCpp reads as an object.
 #include <algorithm>
-#include <cstddef>
-#include <cstdint>
-#include <string>
 
 #include "FuzzCheck.h"
 #include "sdk/JsonUtils.h"
-
-namespace {
-void Accessors(const Json::Value& value) {
-    static const char* const kKeys[] = {"", "a", "content", "rules", "Id"};
-    for (const char* key : kKeys) {
-        SDK::JsonUtils::GetStringValue(value, key, "default");
-        SDK::JsonUtils::GetBoolValue(value, key, true);
-        SDK::JsonUtils::GetIntValue(value, key, -1);
-        Json::Value member;
-        if (SDK::JsonUtils::GetSubobjectValue(value, key, member)) FUZZ_CHECK(member.isObject());
-        if (SDK::JsonUtils::GetArrayValue(value, key, member)) FUZZ_CHECK(member.isArray());
-    }
-    FUZZ_CHECK(SDK::JsonUtils::GetStringValue(value, "\x01missing", nullptr).empty());
-}
-}  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, std::size_t size) {
     const std::string text(reinterpret_cast<const char*>(data), size);
@@ -40,7 +22,16 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, std::size_t size) {
     if (object && value["event_classid"].isString() && classId.find('\\') == std::string::npos) {
         FUZZ_CHECK(value["event_classid"].asString() == classId);
     }
-    Accessors(value);
+    // The accessors on whatever came: the ones that hand out a member check its kind.
+    for (const char* key : {"", "a", "content", "rules", "Id"}) {
+        SDK::JsonUtils::GetStringValue(value, key, "default");
+        SDK::JsonUtils::GetBoolValue(value, key, true);
+        SDK::JsonUtils::GetIntValue(value, key, -1);
+        Json::Value member;
+        if (SDK::JsonUtils::GetSubobjectValue(value, key, member)) FUZZ_CHECK(member.isObject());
+        if (SDK::JsonUtils::GetArrayValue(value, key, member)) FUZZ_CHECK(member.isArray());
+    }
+    FUZZ_CHECK(SDK::JsonUtils::GetStringValue(value, "\x01missing", nullptr).empty());
     const std::string line = SDK::JsonUtils::JsonToString(value);
     FUZZ_CHECK(line.find('\n') == std::string::npos);
     Json::Value again;
@@ -48,10 +39,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, std::size_t size) {
     FUZZ_CHECK(SDK::JsonUtils::JsonToString(again) == line);
     // Where every string is ASCII by construction, the agent's writer and JsonCpp's agree to
     // the byte (a \u escape can spell a lone surrogate, which the agent writes as U+FFFD).
-    const std::string input(reinterpret_cast<const char*>(data), size);
-    const bool ascii = std::all_of(input.begin(), input.end(),
-                                   [](char c) { return static_cast<unsigned char>(c) < 0x80; });
-    if (ascii && input.find("\\u") == std::string::npos) {
+    if (std::all_of(text.begin(), text.end(), [](char c) { return (c & 0x80) == 0; }) &&
+        text.find("\\u") == std::string::npos) {
         Json::FastWriter reference;
         reference.omitEndingLineFeed();
         FUZZ_CHECK(reference.write(value) == line);
