@@ -3,7 +3,7 @@
 # (received by the report task) against those delivered to each output.
 
 E2E_CASES="$E2E_CASES outputs_full_disk outputs_file_deleted outputs_collector_down
-           outputs_spool_restart outputs_syslog"
+           outputs_spool_restart outputs_syslog outputs_https"
 
 # outputs_config KEY=VALUE...: the installed settings plus these (later lines win), counters
 # logged every second; AGENT_CONFIG points agent_start at them.
@@ -86,10 +86,16 @@ stop_pid() {
   rm -f "$1"
 }
 
-# A private nginx that writes the body of every POST /alarms to DIR/bodies.log.
-nginx_start() {  # nginx_start DIR PORT
-  local dir=$1 port=$2 t
+# A private nginx that writes the body of every POST /alarms to DIR/bodies.log; with tls, over
+# https with the certificate DIR/cert.pem (key DIR/key.pem).
+nginx_start() {  # nginx_start DIR PORT [tls]
+  local dir=$1 port=$2 tls=${3:-} t scheme=http listen
   mkdir -p "$dir"
+  listen="listen 127.0.0.1:$port;"
+  if [ "$tls" = tls ]; then
+    scheme=https
+    listen="listen 127.0.0.1:$port ssl; ssl_certificate $dir/cert.pem; ssl_certificate_key $dir/key.pem;"
+  fi
   {
     echo "daemon off; master_process off; worker_processes 1;"
     echo "pid $dir/nginx.pid; error_log $dir/error.log;"
@@ -97,9 +103,9 @@ nginx_start() {  # nginx_start DIR PORT
     echo "http {"
     for t in client_body proxy fastcgi uwsgi scgi; do echo "  ${t}_temp_path $dir/$t;"; done
     echo "  access_log off; log_format body escape=none '\$request_body';"
-    echo "  server { listen 127.0.0.1:$port;"
+    echo "  server { $listen"
     echo "    client_max_body_size 64m; client_body_buffer_size 64m; client_body_in_single_buffer on;"
-    echo "    location = /alarms { access_log $dir/bodies.log body; proxy_pass http://127.0.0.1:$port/ok; }"
+    echo "    location = /alarms { access_log $dir/bodies.log body; proxy_pass $scheme://127.0.0.1:$port/ok; }"
     echo "    location = /ok { return 200; } } }"
   } > "$dir/nginx.conf"
   nginx -p "$dir" -c "$dir/nginx.conf" -e "$dir/error.log" >> "$dir/nginx.out" 2>&1 &
@@ -306,4 +312,41 @@ case_outputs_syslog() {
   [ "$(sed -n 's/^tarnwick alarm //p' "$logs/out.log" | event_ids | uniq -d | wc -l)" -eq 0 ] \
     || fail "alarms written twice to rsyslog"
   figures syslog "file $want, syslog $got"
+}
+
+# An https collector whose certificate is self-signed: without it as the agent's CA file the
+# collector is an impostor and gets nothing (the alarms wait in the spool); trusted after a
+# restart, it gets every one of them.
+case_outputs_https() {
+  local http=$WORK/https port c=e2e-https-$$ before
+  port=$(free_port) || fail "no free port"
+  trap "case_cleanup; stop_pid '$http/server.pid'" EXIT
+  mkdir -p "$http"
+  openssl req -x509 -newkey rsa:2048 -nodes -days 1 -subj /CN=127.0.0.1 \
+    -addext subjectAltName=IP:127.0.0.1 -keyout "$http/key.pem" -out "$http/cert.pem" \
+    >/dev/null 2>&1 || fail "openssl could not make a certificate"
+  nginx_start "$http" "$port" tls
+  outputs_config "report.http.url = https://127.0.0.1:$port/alarms" "report.http.retry_max_ms = 1000"
+  write_policy "$WORK/policy.d" tarnwick/busybox false /etc/passwd
+  agent_start "$WORK"
+  start_container "$c" >/dev/null
+  arm_probe "$c"
+  before=$(counter report.alarms.received)
+  raise_alarms "$c" 10
+  wait_for 20 settled_above "$before" || fail "no alarms raised"
+  wait_for 10 grep -qi "certificate" "$WORK/agent.log" \
+    || fail "no word of the collector's certificate in the log"
+  [ "$(counter report.http.delivered)" -eq 0 ] && [ ! -s "$http/bodies.log" ] \
+    || fail "alarms went to a collector whose certificate nobody trusts"
+  agent_stop
+  cp "$(ALARMS)" "$WORK/untrusted.jsonl"
+  mv "$WORK/agent.log" "$WORK/agent.untrusted.log"
+  outputs_config "report.http.url = https://127.0.0.1:$port/alarms" \
+    "report.http.ca_file = $http/cert.pem"
+  agent_start "$WORK"
+  wait_for 30 has_all_ids "$WORK/untrusted.jsonl" "$http/bodies.log" \
+    || fail "alarms spooled for the untrusted collector never reached it once trusted"
+  agent_stop
+  echo "   figures https: $(event_ids "$WORK/untrusted.jsonl" | wc -l) alarms held back," \
+       "$(event_ids "$http/bodies.log" | uniq | wc -l) delivered once trusted"
 }
