@@ -2,7 +2,7 @@
 # helpers come from scripts/lib/agent-run.sh. A case fails by returning non-zero (set -e).
 
 E2E_CASES="$E2E_CASES user_file_operations replaced_by_rename elf_dropped unprotected_image
-           started_before_agent policy_change exit_withdraws sigterm_cleanup"
+           started_before_agent policy_change exit_withdraws sigterm_cleanup engine_restart"
 
 ALARMS() { echo "${AGENT_ALARMS:-$WORK/alarms.jsonl}"; }
 
@@ -187,6 +187,44 @@ case_exit_withdraws() {
   docker rm -f "$c" >/dev/null
   wait_for 20 bash -c "! auditctl -l | grep -q 'cid:$cid'" || fail "audit rule not withdrawn at exit"
   wait_for 20 watches_at_most "$AGENT_PID" "$baseline" || fail "inotify watches left: $(inotify_watches "$AGENT_PID") > $baseline"
+}
+
+# engine_restart [DOCKERD-ARGS]: restarts the engine scripts/dockerd.sh started (the one every
+# run of this suite starts when none answers) with those options.
+engine_restart() {
+  [ -f "${DOCKERD_STATE:-/run/tarnwick-dockerd.pid}" ] \
+    || fail "the engine was not started by scripts/dockerd.sh, and this case restarts it"
+  bash scripts/dockerd.sh stop >/dev/null && DOCKERD_ARGS=${1:-} bash scripts/dockerd.sh start >/dev/null
+}
+
+# The engine goes away (live restore keeps its containers running), one container dies unseen,
+# the engine comes back: the agent withdraws the dead one, keeps protecting the other and follows
+# containers started afterwards.
+case_engine_restart() {
+  trap "case_cleanup; engine_restart" EXIT
+  engine_restart --live-restore || fail "could not restart the engine with live restore"
+  write_policy "$WORK/policy.d" tarnwick/busybox true /etc/passwd
+  agent_start "$WORK"
+  local doomed survivor=e2e-survivor-$$ cid pid before
+  doomed=$(start_container e2e-doomed-$$)
+  cid=$(start_container "$survivor")
+  wait_for 20 audit_rule_present "$doomed" && wait_for 20 audit_rule_present "$cid" \
+    || fail "no audit rules"
+  arm_probe "$survivor"
+  pid=$(docker inspect -f '{{.State.Pid}}' "$doomed")
+  bash scripts/dockerd.sh stop >/dev/null
+  kill -KILL "$pid"
+  wait_for 10 bash -c "! kill -0 $pid 2>/dev/null" || fail "the container's process outlived SIGKILL"
+  DOCKERD_ARGS=--live-restore bash scripts/dockerd.sh start >/dev/null || fail "the engine did not come back"
+  wait_for 40 bash -c "! auditctl -l | grep -q 'cid:$doomed'" \
+    || fail "the container that died while the engine was away kept its audit rule"
+  audit_rule_present "$cid" || fail "the surviving container lost its audit rule"
+  before=$(alarms_matching "$(ALARMS)" "$(user_alarm "$survivor" /etc/passwd 2)")
+  cexec "$survivor" "echo 'back:x:1:1::/:/bin/false' >> /etc/passwd"
+  wait_for 10 alarms_above "$(user_alarm "$survivor" /etc/passwd 2)" "$before" \
+    || fail "the surviving container is no longer protected"
+  cid=$(start_container e2e-later-$$)
+  wait_for 20 audit_rule_present "$cid" || fail "a container started after the engine came back is not followed"
 }
 
 case_sigterm_cleanup() {
