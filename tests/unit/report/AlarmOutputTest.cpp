@@ -19,12 +19,13 @@
 #include "report/DataCommModule.h"
 #include "report/DataCommReportTask.h"
 #include "report/FileSink.h"
-#include "report/SinkWorker.h"
+#include "report/SinkTask.h"
 #include "report/Spool.h"
 #include "sdk/ConfigUtils.h"
 #include "support/Deadline.h"
 #include "support/FileText.h"
 #include "support/ServiceModule.h"
+#include "support/TaskHost.h"
 #include "support/TempDir.h"
 
 namespace {
@@ -352,14 +353,15 @@ TEST_F(DataCommModuleTest, AnOutageBacksOffOverflowIsCountedAndPartialTakesLoseN
     const uint64_t failedBefore = Count("file.attempts_failed");
     const uint64_t overflowBefore = Count("file.spool.overflow");
     const uint64_t writtenBefore = Count("alarms.written");
-    Report::SinkWorker worker(std::make_unique<Report::FileSink>(fifo),
-                              OpenSpool(tmp_ / "worker-spool", 128 * 1024));
-    worker.Start();
+    TestSupport::TaskHost host("outputs");
+    auto* output = host.Add(new Report::SinkTask(std::make_unique<Report::FileSink>(fifo),
+                                                 OpenSpool(tmp_ / "output-spool", 128 * 1024)));
+    ASSERT_NE(output, nullptr);
     const auto start = std::chrono::steady_clock::now();
     std::string expected;
     std::size_t kept = 0;
     for (const auto& doc : Docs(0, 200, 997)) {  // 200 KiB offered, 64 KiB fit in the pipe
-        if (!worker.Offer(doc)) continue;
+        if (!output->Offer(doc)) continue;
         expected += doc + "\n";
         ++kept;
     }

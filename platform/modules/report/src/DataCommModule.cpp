@@ -8,7 +8,7 @@
 #include "report/HttpSink.h"
 #include "report/ReopenSignal.h"
 #include "report/ReportLog.h"
-#include "report/SinkWorker.h"
+#include "report/SinkTask.h"
 #include "report/Spool.h"
 #include "report/SyslogSink.h"
 #include "sdk/ConfigUtils.h"
@@ -22,7 +22,7 @@ constexpr const char* kDefaultSpoolDir = "/var/lib/tarnwick/spool";
 constexpr int64_t kDefaultSpoolMiB = 256;
 constexpr int64_t kDefaultTimeoutMs = 5000;
 
-std::unique_ptr<SinkWorker> MakeWorker(std::unique_ptr<Sink> sink) {
+SinkTask* MakeOutput(std::unique_ptr<Sink> sink) {
     const std::string dir =
         SDK::ConfigUtils::GetString("report.spool.dir", kDefaultSpoolDir) + "/" + sink->Name();
     int64_t mib = SDK::ConfigUtils::GetInt("report.spool.max_mb", kDefaultSpoolMiB);
@@ -48,7 +48,7 @@ std::unique_ptr<SinkWorker> MakeWorker(std::unique_ptr<Sink> sink) {
                "Alarm output %s: %lu bytes of alarms from an earlier run are delivered first",
                sink->Name(), static_cast<unsigned long>(spool->PendingBytes()));
     }
-    return std::make_unique<SinkWorker>(std::move(sink), std::move(spool));
+    return new SinkTask(std::move(sink), std::move(spool));
 }
 
 int TimeoutMs(const std::string& key) {
@@ -92,37 +92,66 @@ std::unique_ptr<Sink> MakeHttpSink(const std::string& url) {
     return std::make_unique<HttpSink>(settings);
 }
 
-std::vector<std::unique_ptr<SinkWorker>> MakeWorkers() {
-    std::vector<std::unique_ptr<SinkWorker>> workers;
+/// The configured outputs, each a task not yet registered.
+std::vector<SinkTask*> MakeOutputs() {
+    std::vector<SinkTask*> outputs;
     const std::string file = SDK::ConfigUtils::GetString("report.file", kDefaultFile);
-    if (!file.empty()) workers.push_back(MakeWorker(std::make_unique<FileSink>(file)));
+    if (!file.empty()) outputs.push_back(MakeOutput(std::make_unique<FileSink>(file)));
     const std::string syslog = SDK::ConfigUtils::GetString("report.syslog.target", "");
     if (!syslog.empty()) {
-        if (auto sink = MakeSyslogSink(syslog)) workers.push_back(MakeWorker(std::move(sink)));
+        if (auto sink = MakeSyslogSink(syslog)) outputs.push_back(MakeOutput(std::move(sink)));
     }
     const std::string url = SDK::ConfigUtils::GetString("report.http.url", "");
     if (!url.empty()) {
-        if (auto sink = MakeHttpSink(url)) workers.push_back(MakeWorker(std::move(sink)));
+        if (auto sink = MakeHttpSink(url)) outputs.push_back(MakeOutput(std::move(sink)));
     }
-    return workers;
+    return outputs;
 }
 }  // namespace
 
-DataCommModule::DataCommModule()
-    : Framework::SingleTaskModule(kModuleName,
-                                  [] { return new DataCommReportTask(MakeWorkers()); }) {}
+DataCommModule::DataCommModule() : Framework::Module(kModuleName) {}
 
 int DataCommModule::Init() {
+    if (started_) return 0;
     if (!ReopenSignal::Install()) {
         TW_LOG(ReportLogger(), PRIO_WARNING,
                "Alarm outputs: SIGHUP not hooked, outputs are not reopened on it");
     }
-    return Framework::SingleTaskModule::Init();
+    // The outputs run first, so that the report task never offers to a stopped one.
+    std::vector<SinkTask*> outputs;
+    for (SinkTask* output : MakeOutputs()) {
+        const std::string name = output->name();
+        // RegisterTask owns the task from here on, also when it fails.
+        if (RegisterTask(output, false) != 0) {
+            TW_LOG(ReportLogger(), PRIO_ERROR, "Alarm outputs: could not start task %s", name);
+            continue;
+        }
+        outputNames_.push_back(name);
+        outputs.push_back(output);
+    }
+    if (RegisterTask(new DataCommReportTask(std::move(outputs)), false) != 0) {
+        TW_LOG(ReportLogger(), PRIO_ERROR, "Alarm outputs: could not start task %s",
+               std::string(DataCommReportTask::kTaskName));
+        StopOutputs();
+        return -1;
+    }
+    started_ = true;
+    return Framework::Module::Init();
 }
 
 void DataCommModule::UnInit() {
-    Framework::SingleTaskModule::UnInit();
+    // The report task first: what is still queued for it reaches the outputs' spools. Then each
+    // output gets its bounded time to deliver.
+    if (started_) UnRegisterTask(DataCommReportTask::kTaskName);
+    started_ = false;
+    StopOutputs();
     ReopenSignal::Uninstall();
+    Framework::Module::UnInit();
+}
+
+void DataCommModule::StopOutputs() {
+    for (const auto& name : outputNames_) UnRegisterTask(name);
+    outputNames_.clear();
 }
 
 }  // namespace Report

@@ -30,10 +30,10 @@ std::string ToSingleLine(const std::string& document) {
     return line;
 }
 
-DataCommReportTask::DataCommReportTask(std::vector<std::unique_ptr<SinkWorker>> workers)
+DataCommReportTask::DataCommReportTask(std::vector<SinkTask*> outputs)
     : Framework::Task(kTaskName, "data_comm_feature", Framework::TaskCondition::TASK_TYPE_MESSAGE,
                       kQueueCapacity),
-      workers_(std::move(workers)) {
+      outputs_(std::move(outputs)) {
     LoopSettings loop;
     loop.waitMs = kWaitMs;
     loop.maxEvents = 16;
@@ -43,25 +43,19 @@ DataCommReportTask::DataCommReportTask(std::vector<std::unique_ptr<SinkWorker>> 
 }
 
 int DataCommReportTask::Init() {
-    if (workers_.empty()) {
+    if (outputs_.empty()) {
         TW_LOG(ReportLogger(), PRIO_WARNING, "No alarm output configured: alarms are dropped");
     }
-    for (auto& worker : workers_) {
-        worker->Start();
+    for (SinkTask* output : outputs_) {
         TW_LOG(ReportLogger(), PRIO_INFORMATION, "Alarm output %s: %s, spooled in %s",
-               worker->GetSink().Name(), worker->GetSink().Target(), worker->GetSpool().Dir());
+               output->GetSink().Name(), output->GetSink().Target(), output->GetSpool().Dir());
     }
     return Framework::Task::Init();
 }
 
-void DataCommReportTask::UnInit() {
-    workers_.clear();  // each worker drains what it can in a bounded time, then stops
-    Framework::Task::UnInit();
-}
-
 void DataCommReportTask::OnTurn(uint64_t) {
     if (!ReopenSignal::Take()) return;
-    for (auto& worker : workers_) worker->RequestReopen();
+    for (SinkTask* output : outputs_) output->RequestReopen();
 }
 
 namespace {
@@ -99,8 +93,8 @@ int DataCommReportTask::HandleMsg(const Framework::Message* msg) {
 
 void DataCommReportTask::OnBatchEnd() {
     if (gathered_.empty()) return;
-    if (workers_.empty()) gNoOutput.Add(gathered_.size());
-    for (auto& worker : workers_) worker->Offer(gathered_);
+    if (outputs_.empty()) gNoOutput.Add(gathered_.size());
+    for (SinkTask* output : outputs_) output->Offer(gathered_);
     gathered_.clear();
 }
 

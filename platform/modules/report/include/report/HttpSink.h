@@ -12,8 +12,8 @@
 namespace Report {
 
 /// HTTP(S) POST of alarm batches as JSON Lines (application/x-ndjson), one keep-alive session.
-/// 2xx: the batch is delivered. 408, 429, 5xx and network failures: retried later (the worker
-/// backs off). Any other status: the receiver refuses the batch for good; it is dropped and
+/// 2xx: the batch is delivered. 408, 429, 5xx and network failures: retried later (the output's
+/// task backs off). Any other status: the receiver refuses the batch for good; it is dropped and
 /// counted rather than retried forever. Every request is bounded by the timeout.
 class HttpSink : public Sink {
 public:

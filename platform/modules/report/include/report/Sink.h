@@ -16,7 +16,7 @@ struct DeliveryResult {
 };
 
 /// One output of the alarm documents (JSON Lines file, syslog, HTTP). Driven by its own
-/// SinkWorker thread: Deliver and Poll are called from that thread only, and may take as long
+/// task (SinkTask): Deliver and Poll are called from its thread only, and may take as long
 /// as one bounded attempt (a timeout per connection or request), never longer.
 /// RequestReopen may be called from any thread.
 class Sink {
@@ -29,7 +29,7 @@ public:
     virtual std::string Target() const = 0;
     /// Delivers `lines` (JSON documents, no newline) in order, stopping at the first failure.
     virtual DeliveryResult Deliver(const std::vector<std::string>& lines) = 0;
-    /// Called on the worker thread at least every kPollMs, also while idle.
+    /// Called on the output's task thread at least every kPollMs, also while idle.
     virtual void Poll() {}
     /// Closes and opens the output again at the next Poll or Deliver (SIGHUP).
     virtual void RequestReopen() {}

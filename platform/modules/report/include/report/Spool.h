@@ -15,7 +15,7 @@ namespace Report {
 /// read position. It survives a restart: Open cuts a partial line left at the end of the last
 /// segment and resumes at the cursor. A line read back that is not a whole document (a torn or
 /// zeroed block after a crash) is skipped and counted, never delivered.
-/// One thread appends (the report task), one reads and commits (the sink's worker); the
+/// One thread appends (the report task), one reads and commits (the output's task); the
 /// methods are thread-safe.
 class Spool {
 public:
@@ -52,7 +52,7 @@ public:
     /// disk at most kCursorSaveEvery later, or by SaveCursorIfDirty, so a crash may deliver the
     /// last lines again but never skips one.
     void Commit(std::size_t lines);
-    /// Records a read position not yet on disk (the worker calls it when idle).
+    /// Records a read position not yet on disk (the output's task calls it when idle).
     void SaveCursorIfDirty();
 
     /// Bytes of lines appended and not yet committed.
