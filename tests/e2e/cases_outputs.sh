@@ -49,6 +49,23 @@ settled_above() {
   [ $((SECONDS - since)) -ge 2 ]
 }
 
+# protect_and_arm CONTAINER: an agent (with the settings made so far) protecting /etc/passwd of
+# busybox containers, and CONTAINER started, its watch armed.
+protect_and_arm() {
+  write_policy "$WORK/policy.d" tarnwick/busybox false /etc/passwd
+  agent_start "$WORK"
+  start_container "$1" >/dev/null
+  arm_probe "$1"
+}
+
+# raise_settled CONTAINER N [SECONDS]: raise_alarms, then wait (20 s) until they are all counted.
+raise_settled() {
+  local before
+  before=$(counter report.alarms.received)
+  raise_alarms "$1" "$2"
+  wait_for "${3:-20}" settled_above "$before" || fail "no alarms raised"
+}
+
 # raise_alarms CONTAINER N: N appends to the container's protected /etc/passwd, 5 ms apart so
 # that most of them become alarms of their own.
 raise_alarms() {
@@ -144,15 +161,13 @@ case_outputs_full_disk() {
   outputs_config
   write_policy "$WORK/policy.d" tarnwick/busybox false /etc/passwd
   agent_start "$WORK"
-  local c=e2e-full-$$ before
+  local c=e2e-full-$$
   start_container "$c" >/dev/null
   arm_probe "$c"
   # No room left for a single alarm.
   dd if=/dev/zero of="$full/filler" bs=4k 2>/dev/null || true
   wait_for 5 counter_at_least report.alarms.received 1 || fail "no status line"
-  before=$(counter report.alarms.received)
-  raise_alarms "$c" 600
-  wait_for 30 settled_above "$before" || fail "no alarms raised"
+  raise_settled "$c" 600 30
   wait_for 10 counter_at_least report.file.attempts_failed 1 || fail "the full disk went unnoticed"
   jsonl_valid "$AGENT_ALARMS" || fail "a partial line stands in the alarm file while it is full"
   [ "$(counter report.alarms.written)" -lt "$(counter report.alarms.received)" ] \
@@ -186,9 +201,7 @@ case_outputs_file_deleted() {
   t1=$(date +%s%N)
   echo "   deleted alarm file back after $(((t1 - t0) / 1000000)) ms"
   [ $(((t1 - t0) / 1000000)) -le 1200 ] || fail "took longer than a second"
-  before=$(counter report.alarms.received)
-  raise_alarms "$c" 20
-  wait_for 20 settled_above "$before" || fail "no alarms raised"
+  raise_settled "$c" 20
   before=$(counter report.alarms.received)
   # Rotated without SIGHUP: the new name gets the next alarms.
   wait_for 10 all_delivered report.alarms.written || fail "not written"
@@ -212,10 +225,7 @@ collector_then_outage() {
   local http=$1 port=$2 c=$3
   nginx_start "$http" "$port"
   outputs_config "report.http.url = http://127.0.0.1:$port/alarms" "report.http.retry_max_ms = 2000"
-  write_policy "$WORK/policy.d" tarnwick/busybox false /etc/passwd
-  agent_start "$WORK"
-  start_container "$c" >/dev/null
-  arm_probe "$c"
+  protect_and_arm "$c"
   wait_for 10 all_delivered report.http.delivered || fail "collector did not get the first alarms"
   stop_pid "$http/server.pid"
 }
@@ -252,13 +262,11 @@ case_outputs_collector_down() {
 has_all_ids() { [ -z "$(comm -23 <(event_ids "$1" | uniq) <(event_ids "$2" | uniq))" ]; }
 
 case_outputs_spool_restart() {
-  local http=$WORK/http port c=e2e-restart-$$ before
+  local http=$WORK/http port c=e2e-restart-$$
   port=$(free_port) || fail "no free port"
   trap "case_cleanup; stop_pid '$http/server.pid'" EXIT
   collector_then_outage "$http" "$port" "$c"
-  before=$(counter report.alarms.received)
-  raise_alarms "$c" 30
-  wait_for 20 settled_above "$before" || fail "no alarms raised"
+  raise_settled "$c" 30
   local waiting=$(($(counter report.alarms.received) - $(counter report.http.delivered)))
   # The agent stops while the collector is down, and starts again before it returns.
   agent_stop
@@ -285,13 +293,8 @@ case_outputs_syslog() {
   trap "case_cleanup; stop_pid '$logs/server.pid'" EXIT
   rsyslog_start "$logs" "$port"
   outputs_config "report.syslog.target = tcp:127.0.0.1:$port"
-  write_policy "$WORK/policy.d" tarnwick/busybox false /etc/passwd
-  agent_start "$WORK"
-  start_container "$c" >/dev/null
-  arm_probe "$c"
-  before=$(counter report.alarms.received)
-  raise_alarms "$c" 30
-  wait_for 20 settled_above "$before" || fail "no alarms raised"
+  protect_and_arm "$c"
+  raise_settled "$c" 30
   wait_for 10 all_delivered report.syslog.delivered || fail "not sent"
   # rsyslogd restarted while alarms are raised: they follow on a new connection.
   stop_pid "$logs/server.pid"
@@ -318,7 +321,7 @@ case_outputs_syslog() {
 # collector is an impostor and gets nothing (the alarms wait in the spool); trusted after a
 # restart, it gets every one of them.
 case_outputs_https() {
-  local http=$WORK/https port c=e2e-https-$$ before
+  local http=$WORK/https port c=e2e-https-$$
   port=$(free_port) || fail "no free port"
   trap "case_cleanup; stop_pid '$http/server.pid'" EXIT
   mkdir -p "$http"
@@ -327,13 +330,8 @@ case_outputs_https() {
     >/dev/null 2>&1 || fail "openssl could not make a certificate"
   nginx_start "$http" "$port" tls
   outputs_config "report.http.url = https://127.0.0.1:$port/alarms" "report.http.retry_max_ms = 1000"
-  write_policy "$WORK/policy.d" tarnwick/busybox false /etc/passwd
-  agent_start "$WORK"
-  start_container "$c" >/dev/null
-  arm_probe "$c"
-  before=$(counter report.alarms.received)
-  raise_alarms "$c" 10
-  wait_for 20 settled_above "$before" || fail "no alarms raised"
+  protect_and_arm "$c"
+  raise_settled "$c" 10
   wait_for 10 grep -qi "certificate" "$WORK/agent.log" \
     || fail "no word of the collector's certificate in the log"
   [ "$(counter report.http.delivered)" -eq 0 ] && [ ! -s "$http/bodies.log" ] \
