@@ -109,47 +109,41 @@ std::vector<SinkTask*> MakeOutputs() {
 }
 }  // namespace
 
-DataCommModule::DataCommModule() : Framework::Module(kModuleName) {}
+DataCommModule::DataCommModule()
+    : Framework::SingleTaskModule(kModuleName,
+                                  [this] { return new DataCommReportTask(outputs_); }) {}
 
 int DataCommModule::Init() {
-    if (started_) return 0;
+    if (!TaskName().empty()) return 0;
     if (!ReopenSignal::Install()) {
         TW_LOG(ReportLogger(), PRIO_WARNING,
                "Alarm outputs: SIGHUP not hooked, outputs are not reopened on it");
     }
     // The outputs run first, so that the report task never offers to a stopped one.
-    std::vector<SinkTask*> outputs;
     for (SinkTask* output : MakeOutputs()) {
         const std::string name = output->name();
-        // RegisterTask owns the task from here on, also when it fails.
-        if (RegisterTask(output, false) != 0) {
-            TW_LOG(ReportLogger(), PRIO_ERROR, "Alarm outputs: could not start task %s", name);
-            continue;
-        }
+        // RegisterTask owns the task from here on, also when it fails (and logs why).
+        if (RegisterTask(output, false) != 0) continue;
         outputNames_.push_back(name);
-        outputs.push_back(output);
+        outputs_.push_back(output);
     }
-    if (RegisterTask(new DataCommReportTask(std::move(outputs)), false) != 0) {
-        TW_LOG(ReportLogger(), PRIO_ERROR, "Alarm outputs: could not start task %s",
-               std::string(DataCommReportTask::kTaskName));
+    if (Framework::SingleTaskModule::Init() != 0) {
         StopOutputs();
         return -1;
     }
-    started_ = true;
-    return Framework::Module::Init();
+    return 0;
 }
 
 void DataCommModule::UnInit() {
     // The report task first: what is still queued for it reaches the outputs' spools. Then each
     // output gets its bounded time to deliver.
-    if (started_) UnRegisterTask(DataCommReportTask::kTaskName);
-    started_ = false;
+    Framework::SingleTaskModule::UnInit();
     StopOutputs();
     ReopenSignal::Uninstall();
-    Framework::Module::UnInit();
 }
 
 void DataCommModule::StopOutputs() {
+    outputs_.clear();
     for (const auto& name : outputNames_) UnRegisterTask(name);
     outputNames_.clear();
 }

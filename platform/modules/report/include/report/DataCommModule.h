@@ -3,14 +3,16 @@
 #include <string>
 #include <vector>
 
-#include "framework/Module.h"
+#include "framework/SingleTaskModule.h"
 
 namespace Report {
+
+class SinkTask;
 
 /// The alarm sink service: "data_comm_report_task", which checks and spools every alarm, one
 /// task per configured output ("report_<output>_task"), which delivers from its spool, and the
 /// SIGHUP hook that reopens the outputs for log rotation.
-class DataCommModule : public Framework::Module {
+class DataCommModule : public Framework::SingleTaskModule {
 public:
     static constexpr const char* kModuleName = "data_comm_module";
 
@@ -21,8 +23,9 @@ public:
 private:
     void StopOutputs();
 
-    bool started_ = false;
-    std::vector<std::string> outputNames_;  // registered output tasks; control thread
+    // The registered output tasks and their names; control thread.
+    std::vector<SinkTask*> outputs_;
+    std::vector<std::string> outputNames_;
 };
 
 }  // namespace Report
