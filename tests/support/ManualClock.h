@@ -1,5 +1,6 @@
 #pragma once
 
+#include <algorithm>
 #include <atomic>
 #include <cstdint>
 
@@ -12,11 +13,17 @@ namespace TestSupport {
 class ManualClock : public Framework::Clock {
 public:
     explicit ManualClock(uint64_t startMs = 1000000) : nowMs_(startMs) {}
-    uint64_t NowMs() const override;
+    uint64_t NowMs() const override { return nowMs_.load(std::memory_order_acquire); }
     /// Moves the clock on by `ms`; the new time.
-    uint64_t Advance(uint64_t ms);
+    uint64_t Advance(uint64_t ms) { return nowMs_.fetch_add(ms, std::memory_order_acq_rel) + ms; }
     /// Moves the clock to `ms` unless it is already later; the time it shows afterwards.
-    uint64_t AdvanceTo(uint64_t ms);
+    uint64_t AdvanceTo(uint64_t ms) {
+        uint64_t seen = nowMs_.load(std::memory_order_acquire);
+        // Another thread may move it meanwhile; the later of the two times wins.
+        while (seen < ms && !nowMs_.compare_exchange_weak(seen, ms, std::memory_order_acq_rel)) {
+        }
+        return std::max(seen, ms);
+    }
 
 private:
     std::atomic<uint64_t> nowMs_;

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <algorithm>
 #include <chrono>
 #include <condition_variable>
 #include <cstddef>
@@ -29,10 +30,8 @@ public:
 
     /// Keeps `item` and wakes the waiters; called by the derived task's handlers.
     void Record(Item item) {
-        {
-            std::lock_guard<std::mutex> lock(mutex_);
-            items_.push_back(std::move(item));
-        }
+        std::lock_guard<std::mutex> lock(mutex_);
+        items_.push_back(std::move(item));
         changed_.notify_all();
     }
 
@@ -44,20 +43,16 @@ public:
 
     std::size_t Count(const Match& match) const {
         std::lock_guard<std::mutex> lock(mutex_);
-        std::size_t n = 0;
-        for (const auto& item : items_) n += match(item) ? 1 : 0;
-        return n;
+        return static_cast<std::size_t>(std::count_if(items_.begin(), items_.end(), match));
     }
 
     /// The first record that matches, into `out`; false when none yet.
     bool Find(const Match& match, Item& out) const {
         std::lock_guard<std::mutex> lock(mutex_);
-        for (const auto& item : items_) {
-            if (!match(item)) continue;
-            out = item;
-            return true;
-        }
-        return false;
+        const auto it = std::find_if(items_.begin(), items_.end(), match);
+        if (it == items_.end()) return false;
+        out = *it;
+        return true;
     }
 
     /// Waits until `condition` holds over the records, woken by each new one; false when the

@@ -16,13 +16,9 @@ bool ServiceModule::Load(const std::string& file) {
         return false;
     }
     auto create = reinterpret_cast<CreateModuleFunc>(::dlsym(handle, "CreateModule"));
-    if (create == nullptr) {
-        error_ = path + ": no CreateModule";
-        return false;
-    }
-    Framework::Module* module = create();
+    Framework::Module* module = create != nullptr ? create() : nullptr;
     if (module == nullptr) {
-        error_ = path + ": CreateModule returned null";
+        error_ = path + (create == nullptr ? ": no CreateModule" : ": CreateModule returned null");
         return false;
     }
     return Start(module);

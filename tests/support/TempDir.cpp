@@ -6,35 +6,15 @@
 #include <filesystem>
 #include <fstream>
 #include <system_error>
-#include <vector>
 
 namespace fs = std::filesystem;
 
 namespace TestSupport {
 
-namespace {
-
-// remove_all cannot empty a directory its owner made read-only or unsearchable: give every
-// directory of the tree back to its owner first. Links are left alone, so nothing outside the
-// tree changes mode.
-void OpenUp(const fs::path& dir) {
-    std::error_code ec;
-    fs::permissions(dir, fs::perms::owner_all, fs::perm_options::add, ec);
-    for (fs::directory_iterator it(dir, ec), end; !ec && it != end; it.increment(ec)) {
-        if (it->symlink_status(ec).type() == fs::file_type::directory) OpenUp(it->path());
+TempDir::TempDir(const std::string& prefix) : path_("/tmp/" + prefix + "-XXXXXX") {
+    if (::mkdtemp(path_.data()) == nullptr) {
+        throw std::system_error(errno, std::generic_category(), "mkdtemp " + path_);
     }
-}
-
-}  // namespace
-
-TempDir::TempDir(const std::string& prefix) {
-    std::string templ = "/tmp/" + prefix + "-XXXXXX";
-    std::vector<char> buffer(templ.begin(), templ.end());
-    buffer.push_back('\0');
-    if (::mkdtemp(buffer.data()) == nullptr) {
-        throw std::system_error(errno, std::generic_category(), "mkdtemp " + templ);
-    }
-    path_ = buffer.data();
 }
 
 TempDir::~TempDir() { RemoveTree(path_); }
@@ -54,9 +34,20 @@ std::string TempDir::Dir(const std::string& name) const {
 
 bool TempDir::RemoveTree(const std::string& path) {
     std::error_code ec;
-    const fs::file_status status = fs::symlink_status(path, ec);
-    if (ec || status.type() == fs::file_type::not_found) return true;
-    if (status.type() == fs::file_type::directory) OpenUp(path);
+    const fs::file_type type = fs::symlink_status(path, ec).type();
+    if (ec || type == fs::file_type::not_found) return true;
+    // remove_all cannot empty a directory its owner made read-only or unsearchable: each
+    // directory is given back to its owner before the walk enters it. Links are not followed,
+    // so nothing outside the tree changes mode.
+    if (type == fs::file_type::directory) {
+        std::error_code ignored;
+        fs::permissions(path, fs::perms::owner_all, fs::perm_options::add, ignored);
+        for (fs::recursive_directory_iterator it(path, ec), end; !ec && it != end;
+             it.increment(ec)) {
+            if (it->symlink_status(ignored).type() != fs::file_type::directory) continue;
+            fs::permissions(it->path(), fs::perms::owner_all, fs::perm_options::add, ignored);
+        }
+    }
     fs::remove_all(path, ec);
     return !ec && !fs::exists(fs::symlink_status(path, ec));
 }
