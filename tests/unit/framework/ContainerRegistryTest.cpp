@@ -4,6 +4,7 @@
 #include <chrono>
 #include <string>
 #include <thread>
+#include <tuple>
 #include <utility>
 
 #include "framework/ContainerRegistry.h"
@@ -16,7 +17,6 @@ using Framework::ContainerRegistry;
 class ContainerRegistryTest : public ::testing::Test {
 protected:
     void SetUp() override { registry_.Clear(); }
-    void TearDown() override { registry_.Clear(); }
 
     // The root path found for `path`, or "" for none.
     std::string RootOf(const std::string& path) {
@@ -60,9 +60,8 @@ TEST_F(ContainerRegistryTest, ExitedContainersStayKnownWithoutTheirProcessTheLat
     const std::string oldest = "/r/" + std::to_string(extra);
     ContainerRegistry::Entry entry;
     ASSERT_TRUE(registry_.Find(oldest + "/etc", entry));
-    EXPECT_EQ(entry.rootPath, oldest);
-    EXPECT_EQ(entry.id, "id" + std::to_string(extra));
-    EXPECT_EQ(entry.pid, 0);
+    EXPECT_EQ(std::tie(entry.rootPath, entry.id, entry.pid),
+              std::make_tuple(oldest, "id" + std::to_string(extra), 0));
     registry_.Started(oldest, entry.id, 12);
     EXPECT_TRUE(registry_.Find(oldest + "/etc", entry) && entry.pid == 12);
     EXPECT_EQ(RootOf("/running/etc"), "/running");
