@@ -14,7 +14,6 @@
 #include "framework/Counters.h"
 #include "process_collect/AuditEventMessage.h"
 #include "process_collect/AuditFileSystemCtrlMessage.h"
-#include "process_collect/AuditUnsubscribeMessage.h"
 #include "sdk/ConfigUtils.h"
 #include "support/Deadline.h"
 #include "support/FileText.h"
@@ -62,13 +61,10 @@ public:
     RecorderTask() : TestSupport::RecordingTask<Received>("audit_test_recorder", 256) {}
 
     int Receive(const Engine::AuditEventMessage& msg) override {
-        Received item;
-        item.key = msg.key;
-        item.syscall = *msg.syscall;
+        Received item{msg.key, *msg.syscall};
         struct stat st {};
-        if (!msg.syscall->paths.empty() && ::stat(msg.syscall->paths[0].name.c_str(), &st) == 0) {
+        if (!msg.syscall->paths.empty() && ::stat(msg.syscall->paths[0].name.c_str(), &st) == 0)
             item.sizeAtReceipt = st.st_size;
-        }
         Record(item);
         return 0;
     }
@@ -76,30 +72,22 @@ public:
 
 class AuditModuleTest : public ::testing::Test {
 protected:
+    // The module turns audit on when it finds it off and may raise the backlog limit: the
+    // commands that leave the machine as it was (none without root or auditctl).
     static void SetUpTestSuite() {
-        if (::geteuid() != 0) return;
-        wasEnabled_ = AuditStatus("enabled");
-        backlogBefore_ = AuditStatus("backlog_limit");
+        restoreAudit_ = Shell::Output(
+            "auditctl -s 2>/dev/null | sed -n -e 's/^enabled 0$/auditctl -e 0;/p' "
+            "-e 's/^backlog_limit \\([0-9]*\\)$/auditctl -b \\1;/p'");
     }
 
     static void TearDownTestSuite() {
-        // The module turns audit on when it finds it off; leave the machine as it was.
-        if (::geteuid() != 0) return;
-        if (wasEnabled_ == "0") Shell::Run("auditctl -e 0 >/dev/null 2>&1");
-        if (!backlogBefore_.empty())
-            Shell::Run("auditctl -b " + backlogBefore_ + " >/dev/null 2>&1");
-    }
-
-    static std::string AuditStatus(const std::string& name) {
-        return Shell::Output("auditctl -s 2>/dev/null | sed -n 's/^" + name + " //p'");
+        Shell::Run("{ " + restoreAudit_ + " true; } >/dev/null 2>&1");
     }
 
     void SetUp() override {
-        if (::geteuid() != 0) {
-            GTEST_SKIP() << "needs root: kernel audit rules and the audit multicast group";
-        }
-        if (Shell::Output("command -v auditctl").empty())
-            GTEST_SKIP() << "auditctl is not installed";
+        if (::geteuid() != 0 || Shell::Output("command -v auditctl").empty())
+            GTEST_SKIP()
+                << "needs root (kernel audit rules, the audit multicast group) and auditctl";
         keyPrefix_ = "cid:twtest-" + std::to_string(::getpid()) + "-";
         SDK::ConfigUtils::Set("audit.settle_ms", "200");
         SDK::ConfigUtils::Set("audit.max_delay_ms", "4000");
@@ -140,14 +128,12 @@ protected:
     }
 
     TestSupport::TempDir tmp_{"tw-audit-test"};
-    const std::string dir_ = tmp_.Path();
     const std::string ledger_ = tmp_ / "state/audit-rules.json";
     std::string keyPrefix_;
     TestSupport::TaskHost host_{"audit_test_recorder_module"};
     TestSupport::ServiceModule service_;
     RecorderTask* recorder_ = nullptr;
-    static inline std::string wasEnabled_;
-    static inline std::string backlogBefore_;
+    static inline std::string restoreAudit_;
 };
 
 TEST_F(AuditModuleTest, ExecutableWrittenUnderAWatchArrivesWhenItHasSettled) {
@@ -183,17 +169,12 @@ TEST_F(AuditModuleTest, ExecutableWrittenUnderAWatchArrivesWhenItHasSettled) {
     EXPECT_EQ(std::to_string(writer), got.syscall.pid);
     EXPECT_EQ(static_cast<long long>(image.size()), got.sizeAtReceipt);
     EXPECT_EQ(1u, recorder_->Count(tool));
-
-    ASSERT_GT(ForkAndWait([&] { return ::chmod(file.c_str(), 0700) == 0; }), 0);
-    const auto chmodded = [&](const Received& r) { return tool(r) && r.syscall.attr; };
-    ASSERT_TRUE(WaitUntil([&] { return recorder_->Find(chmodded, got); }));
-    EXPECT_FALSE(got.syscall.write);
 }
 
 // At start, only what an earlier run of the agent remembered adding goes; another tool's rule
 // stays. A subscriber's bad requests are dropped (counted); its rules are kept in the kernel and
-// in the ledger, and go when it unsubscribes; at stop every rule this run added goes, also a
-// file rule whose path does not exist.
+// in the ledger; at stop every rule this run added goes, also a file rule whose path does not
+// exist. (The feature module unsubscribes as it stops: the end-to-end run's SIGTERM case.)
 TEST_F(AuditModuleTest, RulesFollowTheSubscriberAndOnlyTheAgentsGo) {
     const std::string stale = tmp_.Dir("stale");
     const std::string key = keyPrefix_ + "stale";
@@ -212,22 +193,16 @@ TEST_F(AuditModuleTest, RulesFollowTheSubscriberAndOnlyTheAgentsGo) {
     auto& rejected = Framework::Counters::Instance().Get("audit.rules.rejected");
     const uint64_t rejectedBefore = rejected.load();
     Request("-w", "relative/path", keyPrefix_ + "relative");
-    Request("-x", dir_, keyPrefix_ + "option");
+    Request("-x", tmp_.Path(), keyPrefix_ + "option");
     const std::string kept = keyPrefix_ + "kept";
-    const std::string other = keyPrefix_ + "other";
     ASSERT_TRUE(Watch(tmp_.Dir("kept"), kept)) << AuditRules();
-    ASSERT_TRUE(Watch(tmp_.Dir("other"), other)) << AuditRules();
     EXPECT_EQ(rejectedBefore + 2, rejected.load());
     EXPECT_NE(std::string::npos, FileText::Read(ledger_).find(kept));
-    ASSERT_EQ(
-        0, recorder_->SendDirectMsg("audit_task", new Engine::AuditUnsubscribeMessage(recorder_)));
-    EXPECT_TRUE(WaitUntil([&] { return !HasRuleWithKey(kept) && !HasRuleWithKey(other); }))
-        << AuditRules();
 
     const std::string missing = keyPrefix_ + "missing";
-    ASSERT_TRUE(Watch(dir_ + "/missing-file", missing)) << AuditRules();
+    ASSERT_TRUE(Watch(tmp_ / "missing-file", missing)) << AuditRules();
     service_.Stop();
-    EXPECT_FALSE(HasRuleWithKey(missing));
+    EXPECT_FALSE(HasRuleWithKey(missing) || HasRuleWithKey(kept)) << AuditRules();
     EXPECT_TRUE(HasRuleWithKey(foreign)) << AuditRules();
 }
 

@@ -19,28 +19,31 @@ using Engine::JoinedAuditEvent;
 
 namespace {
 
-TEST(AuditRecordParse, SplitsHeaderAndKeepsRawValues) {
+AuditRecord Parsed(int type, const std::string& text) {
     AuditRecord record;
     std::string error;
-    ASSERT_TRUE(AuditRecordParser::Parse(
-        1302, "audit(1795391830.899:7): item=1 name=2F746D702F78207920 nametype=CREATE\n", record,
-        error));
+    EXPECT_TRUE(AuditRecordParser::Parse(type, text, record, error)) << text << ": " << error;
+    return record;
+}
+
+// A record of event `serial`, as the kernel sends it.
+AuditRecord Record(int type, uint64_t serial, const std::string& body) {
+    return Parsed(type, "audit(100.1:" + std::to_string(serial) + "): " + body);
+}
+
+// Serials and the other raw values are what the joiner and builder cases below stand on.
+TEST(AuditRecordParse, SplitsHeaderAndKeepsRawValues) {
+    AuditRecord record = Parsed(1302, "audit(1795391830.899:7): name=2F746D702F78207920\n");
     EXPECT_EQ("1795391830.899", record.timestamp);
-    EXPECT_EQ(7u, record.serial);
     EXPECT_EQ("/tmp/x y ", AuditRecordParser::DecodeUntrusted(record.Raw("name")));
-    EXPECT_EQ("CREATE", record.Raw("nametype"));
 
     // Single quotes hold blanks and double quotes; a bare word is no field.
-    ASSERT_TRUE(AuditRecordParser::Parse(
-        1107, "audit(1.2:3): pid=1 msg='op=x exe=\"/bin/y\" res=success' extra", record, error));
+    record = Parsed(1107, "audit(1.2:3): pid=1 msg='op=x exe=\"/bin/y\" res=success' extra");
     EXPECT_EQ("'op=x exe=\"/bin/y\" res=success'", record.Raw("msg"));
     EXPECT_EQ(2u, record.fields.size());
 
     // The kernel pads with NULs: they carry nothing.
-    ASSERT_TRUE(
-        AuditRecordParser::Parse(1300, std::string("audit(1.1:2): a=b\0\0", 19), record, error))
-        << error;
-    EXPECT_EQ("b", record.Raw("a"));
+    EXPECT_EQ("b", Parsed(1300, std::string("audit(1.1:2): a=b\0\0", 19)).Raw("a"));
 
     // Odd length or non-hex text is not an encoding: kept as it stands.
     EXPECT_EQ("abc", AuditRecordParser::DecodeUntrusted("abc"));
@@ -48,8 +51,6 @@ TEST(AuditRecordParse, SplitsHeaderAndKeepsRawValues) {
 }
 
 TEST(AuditRecordParse, MalformedRecordsAreRejectedWithTheirReason) {
-    std::string huge = "audit(1.1:2):";
-    while (huge.size() <= AuditRecordParser::kMaxTextLength) huge += " a=b";
     std::string many = "audit(1.1:2):";
     for (std::size_t i = 0; i <= AuditRecordParser::kMaxFields; ++i) many += " a=1";
     const struct {
@@ -60,12 +61,12 @@ TEST(AuditRecordParse, MalformedRecordsAreRejectedWithTheirReason) {
         {"pid=1 uid=0", "no audit( header"},
         {"audit(1795391830.115:2", "unterminated header"},
         {"audit(1795391830:2): pid=1", "bad header stamp"},
-        {"audit(1.1:): pid=1", "bad header stamp"},
         {"audit(1.1:99999999999999999999): pid=1", "bad header stamp"},
         {"audit(1.1:2): =5", "field without a name"},
         {"audit(1.1:2): comm=\"unterminated", "unterminated quoted value"},
         {std::string("audit(1.1:2): a=b\0c=d", 21), "NUL inside record"},
-        {huge, "record too long"},
+        {"audit(1.1:2): a=" + std::string(AuditRecordParser::kMaxTextLength, 'b'),
+         "record too long"},
         {many, "too many fields"},
     };
     for (const auto& c : cases) {
@@ -84,15 +85,8 @@ std::map<uint64_t, JoinedAuditEvent> Join(const std::string& file) {
     std::vector<JoinedAuditEvent> joined;
     std::ifstream in(std::string(TARNWICK_TEST_DATA_DIR) + "/audit/" + file);
     std::string line;
-    while (std::getline(in, line)) {
-        const std::size_t blank = line.find(' ');
-        AuditRecord record;
-        std::string error;
-        EXPECT_TRUE(AuditRecordParser::Parse(std::stoi(line.substr(0, blank)),
-                                             line.substr(blank + 1), record, error))
-            << line << ": " << error;
-        joiner.Add(std::move(record), 0, joined);
-    }
+    while (std::getline(in, line))
+        joiner.Add(Parsed(std::stoi(line), line.substr(line.find(' ') + 1)), 0, joined);
     std::map<uint64_t, JoinedAuditEvent> events;
     for (auto& event : joined) events[event.serial] = std::move(event);
     return events;
@@ -102,6 +96,17 @@ std::vector<std::string> Names(const AuditLogSyscall& event) {
     std::vector<std::string> names;
     for (const auto& item : event.paths) names.push_back(item.name);
     return names;
+}
+
+// The event `records` make with `roots` watched; `built`: whether the builder must take them.
+AuditLogSyscall Build(const std::vector<AuditRecord>& records,
+                      const std::vector<std::string>& roots = {"/r"}, bool built = true) {
+    JoinedAuditEvent event;
+    event.records = records;
+    AuditLogSyscall out;
+    std::string error;
+    EXPECT_EQ(built, AuditEventBuilder::Build(event, roots, out, error)) << error;
+    return out;
 }
 
 TEST(CapturedEvents, AreBuiltWithHostPathsCreatedNameFirst) {
@@ -121,15 +126,13 @@ TEST(CapturedEvents, AreBuiltWithHostPathsCreatedNameFirst) {
         uint64_t serial;
         std::vector<std::string> names;  // PARENT items last
         bool write, attr;
-        const char* comm;
     } cases[] = {
-        {host, 4, {H + "/tool", H}, true, false, "cp"},  // cp of an executable
-        {host, 5, {H + "/tool"}, false, true, "chmod"},
-        {host, 6, {H + "/sub/rel.txt", H + "/sub"}, true, false, "sh"},  // relative to the cwd
+        {host, 4, {H + "/tool", H}, true, false},                  // cp of an executable
+        {host, 5, {H + "/tool"}, false, true},                     // chmod
+        {host, 6, {H + "/sub/rel.txt", H + "/sub"}, true, false},  // relative to the cwd
         // Container-relative names get the watched root; 22 of 24 items are nameless copy-ups.
-        {box, 14, {C + "/usr/bin/tool", C + "/usr/bin"}, true, false, "cp"},
-        {box, 16, {C + "/tmp/rel.txt", C + "/tmp"}, true, false, "sh"},
-        {box, 17, {C + "/etc/passwd"}, true, false, "sh"},  // O_APPEND to a lower file
+        {box, 14, {C + "/usr/bin/tool", C + "/usr/bin"}, true, false},
+        {box, 17, {C + "/etc/passwd"}, true, false},  // O_APPEND to a lower file
     };
     for (const auto& c : cases) {
         SCOPED_TRACE("event " + std::to_string(c.serial));
@@ -138,27 +141,16 @@ TEST(CapturedEvents, AreBuiltWithHostPathsCreatedNameFirst) {
         EXPECT_TRUE(event->second.complete);
         EXPECT_EQ(std::vector<std::string>{c.from.key},
                   AuditEventBuilder::Keys(event->second.records[0]));
-        AuditLogSyscall ev;
-        std::string error;
-        ASSERT_TRUE(AuditEventBuilder::Build(event->second, {c.from.root}, ev, error)) << error;
+        const AuditLogSyscall ev = Build(event->second.records, {c.from.root});
         EXPECT_EQ(c.names, Names(ev));
         EXPECT_EQ(c.write, ev.write);
         EXPECT_EQ(c.attr, ev.attr);
-        EXPECT_EQ(c.comm, ev.processName);
     }
+    EXPECT_EQ("cp", Build(box.events.at(14).records, {C}).processName);
 }
 
-AuditRecord Record(int type, uint64_t serial, const std::string& body) {
-    AuditRecord record;
-    std::string error;
-    const std::string text = "audit(100.1:" + std::to_string(serial) + "): " + body;
-    EXPECT_TRUE(AuditRecordParser::Parse(type, text, record, error)) << error;
-    return record;
-}
-
-const char* const kSyscall =
-    "arch=c000003e syscall=257 success=yes exit=3 a0=ffffff9c a1=1 a2=241 a3=1b6 items=1 "
-    "ppid=1 pid=2 comm=\"sh\" exe=\"/bin/sh\" key=\"cid:k\"";
+// The joiner reads no more of a SYSCALL record than its serial and key.
+const char* const kSyscall = "arch=c000003e syscall=257 items=1 pid=2 key=\"cid:k\"";
 
 // A (null) key is no key: the filter below turns such events away.
 TEST(Joining, InterleavedEventsAreKeptApartStrayAndUnwantedRecordsIgnored) {
@@ -212,31 +204,25 @@ TEST(Joining, OpenEventsAreBoundedOldestLeavesFirstAndStaleOnesAreFlushed) {
     EXPECT_EQ(4u, out.back().records.size());
 }
 
-AuditLogSyscall Build(const std::vector<AuditRecord>& records,
-                      const std::vector<std::string>& roots = {"/r"}) {
-    JoinedAuditEvent event;
-    event.records = records;
-    AuditLogSyscall out;
-    std::string error;
-    EXPECT_TRUE(AuditEventBuilder::Build(event, roots, out, error)) << error;
-    return out;
-}
-
+// aarch64 numbers differ: 53 is fchmodat, 35 unlinkat.
 TEST(Building, WriteAndAttributeClassesByArchitecture) {
-    auto ev = Build({Record(1300, 1, "arch=c000003e syscall=257 a0=ffffff9c a1=1 a2=0 pid=3"),
-                     Record(1302, 1, "item=0 name=\"/r/f\" nametype=NORMAL")});
-    EXPECT_FALSE(ev.write);  // opened for reading only
-    EXPECT_FALSE(ev.attr);
-    EXPECT_TRUE(ev.opened);
-    EXPECT_FALSE(ev.containerView);
-    // aarch64 numbers differ: 53 is fchmodat, 35 unlinkat.
-    ev =
-        Build({Record(1300, 1, "arch=c00000b7 syscall=53"), Record(1302, 1, "item=0 name=\"/f\"")});
-    EXPECT_TRUE(ev.attr);
-    EXPECT_FALSE(ev.write);
-    ev =
-        Build({Record(1300, 1, "arch=c00000b7 syscall=35"), Record(1302, 1, "item=0 name=\"/f\"")});
-    EXPECT_TRUE(ev.write);
+    const struct {
+        const char* syscall;
+        bool write, attr, opened;
+    } cases[] = {
+        {"arch=c000003e syscall=257 a0=ffffff9c a1=1 a2=0 pid=3", false, false, true},  // read only
+        {"arch=c00000b7 syscall=53", false, true, false},
+        {"arch=c00000b7 syscall=35", true, false, false},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.syscall);
+        const auto ev =
+            Build({Record(1300, 1, c.syscall), Record(1302, 1, "item=0 name=\"/r/f\"")});
+        EXPECT_EQ(c.write, ev.write);
+        EXPECT_EQ(c.attr, ev.attr);
+        EXPECT_EQ(c.opened, ev.opened);
+        EXPECT_FALSE(ev.containerView);
+    }
 }
 
 // rename(2) lists the directories and the old name before the new one; the name the call
@@ -258,20 +244,15 @@ TEST(Building, CreatedNameFirstDirectoriesLastContainerNamesUnderTheRoot) {
 }
 
 TEST(Building, WithoutSyscallRecordOrNumberNothingIsBuilt) {
-    JoinedAuditEvent event;
-    event.records.push_back(Record(1302, 1, "item=0 name=\"/a\""));
-    AuditLogSyscall out;
-    std::string error;
-    EXPECT_FALSE(AuditEventBuilder::Build(event, {}, out, error));
-    event.records.insert(event.records.begin(), Record(1300, 1, "arch=c000003e syscall=abc"));
-    EXPECT_FALSE(AuditEventBuilder::Build(event, {}, out, error));
+    const AuditRecord path = Record(1302, 1, "item=0 name=\"/a\"");
+    Build({path}, {}, false);
+    Build({Record(1300, 1, "arch=c000003e syscall=abc"), path}, {}, false);
 }
 
 TEST(PathJoin, Edges) {
     EXPECT_EQ("/a/b", AuditEventBuilder::JoinCwd("/a/", "./b"));
     EXPECT_EQ("/a", AuditEventBuilder::JoinCwd("/a", "."));
     EXPECT_EQ("b", AuditEventBuilder::JoinCwd("", "b"));
-    EXPECT_TRUE(AuditEventBuilder::IsUnder("/r", "/r"));
     EXPECT_TRUE(AuditEventBuilder::IsUnder("/anything", "/"));
 }
 

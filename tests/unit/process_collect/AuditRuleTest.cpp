@@ -18,7 +18,6 @@ TEST(AuditWatchRuleParse, PathAndPermissionsTravelAsOneString) {
     // Blanks in the path stay, trailing slashes go.
     ASSERT_TRUE(AuditWatchRule::Parse("/srv/my root/ -p wa", "cid:abc", rule, error)) << error;
     EXPECT_EQ("/srv/my root", rule.path);
-    EXPECT_EQ("cid:abc", rule.key);
     EXPECT_EQ(AUDIT_PERM_WRITE | AUDIT_PERM_ATTR, rule.PermMask());
     // Without -p every permission is watched.
     ASSERT_TRUE(AuditWatchRule::Parse("/", "cid:a", rule, error)) << error;
@@ -32,7 +31,8 @@ TEST(AuditWatchRuleParse, PathAndPermissionsTravelAsOneString) {
         AuditWatchRule::Parse("/x -p wa", std::string(AUDIT_MAX_KEY_LEN + 1, 'k'), rule, error));
 }
 
-TEST(AuditRuleLedger, SavedRulesComeBackAndAMissingFileIsAnEmptyList) {
+// A damaged file is refused, entries the agent cannot have written are skipped.
+TEST(AuditRuleLedger, SavedRulesComeBackMissingFileIsEmptyDamagedOneRefused) {
     TestSupport::TempDir tmp("tw-ledger");
     AuditRuleLedger ledger(tmp.Path() + "/state/sub/rules.json");
     std::vector<AuditWatchRule> rules;
@@ -48,11 +48,7 @@ TEST(AuditRuleLedger, SavedRulesComeBackAndAMissingFileIsAnEmptyList) {
     EXPECT_EQ("wa", rules[0].perms);
     EXPECT_FALSE(rules[1].directory);
     EXPECT_NE(0, ::access((ledger.Path() + ".new").c_str(), F_OK));
-}
 
-TEST(AuditRuleLedger, DamagedFileIsRefusedAndForeignEntriesSkipped) {
-    std::vector<AuditWatchRule> rules;
-    std::string error;
     EXPECT_FALSE(AuditRuleLedger::Parse("[{\"path\":", rules, error));
     EXPECT_FALSE(AuditRuleLedger::Parse("{\"path\":\"/a\"}", rules, error));
     ASSERT_TRUE(AuditRuleLedger::Parse(
