@@ -2,14 +2,10 @@
 // the whole path an event takes: parser, joiner (small bounds, a clock that moves, so eviction
 // and stale flushes happen), builder, and the resolver inside a container root. Whatever names
 // the records carry, every path that comes out must lie inside that root.
-#include <unistd.h>
-
 #include <charconv>
-#include <cstdlib>
 #include <cstring>
 #include <filesystem>
 #include <fstream>
-#include <memory>
 
 #include "FuzzCheck.h"
 #include "process_collect/AuditEventBuilder.h"
@@ -18,7 +14,6 @@
 #include "process_collect/AuditRecordParser.h"
 #include "sdk/ContainerRoot.h"
 
-namespace {
 constexpr std::size_t kMaxPending = 3;
 constexpr std::size_t kMaxRecords = 6;
 constexpr uint64_t kStaleMs = 40;
@@ -29,42 +24,35 @@ namespace fs = std::filesystem;
 // A small container root below TMPDIR, made once and removed at exit: files, a directory, and
 // links that try to lead out of it.
 struct FakeRoot {
-    FakeRoot() {
+    static fs::path Make() {
         std::string pattern = (fs::temp_directory_path() / "tw-fuzz-root.XXXXXX").string();
         if (mkdtemp(pattern.data()) == nullptr) std::abort();
-        dir = pattern;
-        fs::create_directories(dir / "etc");
-        fs::create_directories(dir / "bin");
+        const fs::path dir = pattern;
+        for (const char* sub : {"etc", "bin"}) fs::create_directories(dir / sub);
         std::ofstream(dir / "etc/passwd") << "root:x:0:0::/root:/bin/sh\n";
         std::ofstream(dir / "bin/tool") << "\177ELF";
         fs::create_symlink("/etc/passwd", dir / "etc/abs-link");
         fs::create_symlink("../../../../..", dir / "up");
         fs::create_symlink("loop", dir / "loop");
-        root = std::make_unique<SDK::ContainerRoot>(dir.string());
-        if (!root->IsOpen()) std::abort();
+        return dir;
     }
     ~FakeRoot() {
-        root.reset();
         std::error_code ignored;
         fs::remove_all(dir, ignored);
     }
-    fs::path dir;
-    std::unique_ptr<SDK::ContainerRoot> root;
+    const fs::path dir = Make();
+    const SDK::ContainerRoot root{dir.string()};
 };
 
-int Rank(const std::string& nametype) {
-    return nametype == "CREATE" ? 0 : nametype == "PARENT" ? 2 : 1;
-}
-
-void CheckEvent(const Engine::JoinedAuditEvent& event) {
+static void CheckEvent(const Engine::JoinedAuditEvent& event) {
     static const FakeRoot fake;
-    const SDK::ContainerRoot& root = *fake.root;
+    const SDK::ContainerRoot& root = fake.root;
+    FUZZ_CHECK(root.IsOpen());
     FUZZ_CHECK(event.records.size() <= kMaxRecords);
     if (event.records.empty()) return;
     FUZZ_CHECK(event.records.front().type == Engine::AuditRecordType::kSyscall);
-    for (const auto& key : Engine::AuditEventBuilder::Keys(event.records.front())) {
+    for (const auto& key : Engine::AuditEventBuilder::Keys(event.records.front()))
         FUZZ_CHECK(!key.empty() && key.find('\x01') == std::string::npos);
-    }
     // Roots spelled as rules may carry them: with a trailing slash, and among others.
     const std::vector<std::string> roots =
         event.serial % 2 == 0 ? std::vector<std::string>{root.Path()}
@@ -75,28 +63,29 @@ void CheckEvent(const Engine::JoinedAuditEvent& event) {
         FUZZ_CHECK(!error.empty());
         return;
     }
+    const auto rank = [](const std::string& type) {
+        return type == "CREATE" ? 0 : type == "PARENT" ? 2 : 1;
+    };
     for (std::size_t i = 0; i < syscall.paths.size(); ++i) {
         FUZZ_CHECK(!syscall.paths[i].name.empty());
         FUZZ_CHECK(i == 0 ||
-                   Rank(syscall.paths[i].nametype) >= Rank(syscall.paths[i - 1].nametype));
+                   rank(syscall.paths[i].nametype) >= rank(syscall.paths[i - 1].nametype));
     }
     const bool useful = Engine::AuditPathResolver::Resolve(root, syscall);
-    for (const auto& item : syscall.paths) {
+    for (const auto& item : syscall.paths)
         FUZZ_CHECK(SDK::ContainerRoot::IsUnder(item.name, root.Path()));
-    }
     if (useful) FUZZ_CHECK(syscall.paths.front().nametype != "PARENT");
 }
 
 // "<type> <record text>", the type at most 5 digits; read from the fuzzer's own buffer, so that
 // a read past a line's end is caught.
-bool ParseLine(const char* line, std::size_t size, Engine::AuditRecord& record) {
+static bool ParseLine(const char* line, std::size_t size, Engine::AuditRecord& record) {
     int type = 0;
     const auto [end, ec] = std::from_chars(line, line + std::min<std::size_t>(size, 5), type);
     if (ec != std::errc() || line[0] == '-' || end == line + size || *end != ' ') return false;
     std::string error;
     return Engine::AuditRecordParser::Parse(type, end + 1, line + size - end - 1, record, error);
 }
-}  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, std::size_t size) {
     Engine::AuditEventJoiner joiner(
@@ -112,9 +101,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, std::size_t size) {
         const void* newline = std::memchr(text + start, '\n', size - start);
         const std::size_t end = newline ? static_cast<const char*>(newline) - text : size;
         Engine::AuditRecord record;
-        if (ParseLine(text + start, end - start, record)) {
+        if (ParseLine(text + start, end - start, record))
             joiner.Add(std::move(record), nowMs, events);
-        }
         joiner.FlushStale(nowMs + kMsPerLine, events);
         FUZZ_CHECK(joiner.Pending() <= kMaxPending);
         start = end + 1;

@@ -27,12 +27,10 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, std::size_t size) {
         FUZZ_CHECK(record.Find(name) != nullptr);
         bool isNull = false;
         const std::string decoded = Engine::AuditRecordParser::DecodeUntrusted(value, &isNull);
-        FUZZ_CHECK(!isNull || decoded.empty());
-        FUZZ_CHECK(decoded.size() <= value.size());
+        FUZZ_CHECK((!isNull || decoded.empty()) && decoded.size() <= value.size());
         std::string bytes;
-        if (Engine::AuditRecordParser::HexDecode(value, bytes)) {
+        if (Engine::AuditRecordParser::HexDecode(value, bytes))
             FUZZ_CHECK(bytes.size() * 2 == value.size());
-        }
     }
     return 0;
 }

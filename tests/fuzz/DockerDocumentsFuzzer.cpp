@@ -11,10 +11,9 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, std::size_t size) {
     std::string error;
     if (Engine::ParseContainerInspect(text, info, pid, error)) {
         FUZZ_CHECK(Engine::IsContainerId(info.id) && pid >= 0);
-        for (const auto& port : info.ports) {
-            FUZZ_CHECK(port.containerPort >= 0 && port.containerPort <= 65535);
-            FUZZ_CHECK(port.hostPort >= 0 && port.hostPort <= 65535);
-        }
+        for (const auto& port : info.ports)
+            FUZZ_CHECK(port.containerPort >= 0 && port.containerPort <= 65535 &&
+                       port.hostPort >= 0 && port.hostPort <= 65535);
     } else {
         FUZZ_CHECK(!error.empty());
     }

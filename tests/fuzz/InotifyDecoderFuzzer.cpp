@@ -2,17 +2,14 @@
 // buffer and once from a copy one byte off alignment.
 #include <sys/inotify.h>
 
-#include <cstring>
-#include <memory>
+#include <algorithm>
 
 #include "FuzzCheck.h"
 #include "filenotify/InotifyDecoder.h"
 
-namespace {
-std::vector<Engine::InotifyRecord> DecodeChecked(const unsigned char* bytes, std::size_t size) {
+static auto DecodeChecked(const unsigned char* bytes, std::size_t size) {
     std::size_t consumed = size + 1;
-    std::vector<Engine::InotifyRecord> records =
-        Engine::DecodeInotifyEvents(bytes, size, &consumed);
+    auto records = Engine::DecodeInotifyEvents(bytes, size, &consumed);
     FUZZ_CHECK(consumed <= size);
     // Every record's header and name came out of the bytes it says it consumed.
     std::size_t namesAndHeaders = 0;
@@ -27,13 +24,12 @@ std::vector<Engine::InotifyRecord> DecodeChecked(const unsigned char* bytes, std
     FUZZ_CHECK(again == consumed);
     return records;
 }
-}  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, std::size_t size) {
     const auto aligned = DecodeChecked(data, size);
-    std::unique_ptr<unsigned char[]> shifted(new unsigned char[size + 1]);
-    if (size > 0) std::memcpy(shifted.get() + 1, data, size);
-    const auto unaligned = DecodeChecked(shifted.get() + 1, size);
+    std::vector<unsigned char> shifted(size + 1);
+    std::copy(data, data + size, shifted.begin() + 1);
+    const auto unaligned = DecodeChecked(shifted.data() + 1, size);
     FUZZ_CHECK(aligned.size() == unaligned.size());
     for (std::size_t i = 0; i < aligned.size(); ++i) {
         FUZZ_CHECK(aligned[i].wd == unaligned[i].wd && aligned[i].mask == unaligned[i].mask &&

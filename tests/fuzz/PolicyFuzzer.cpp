@@ -12,16 +12,14 @@
 #include "sdk/JsonUtils.h"
 #include "sdk/LoggerUtils.h"
 
-namespace {
-bool Lookup(const Engine::DockerFilePolicy& policy, const std::string& id,
-            const std::string& name) {
+static bool Lookup(const Engine::DockerFilePolicy& policy, const std::string& id,
+                   const std::string& name) {
     std::vector<std::string> files;
     bool elfForbidden = false;
     const bool found = policy.GetImageFileRule(id, name, files, elfForbidden);
     FUZZ_CHECK(found ? files.size() <= 20 : files.empty());  // at most 20 files a rule
     return found;
 }
-}  // namespace
 
 extern "C" int LLVMFuzzerInitialize(int*, char***) {
     // Log at the finest level into nothing, so that every log line's formatting runs too.
@@ -39,16 +37,14 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, std::size_t size) {
         module.RefreshFeaturePolicy("dockerfile_feature", document, current));
     const auto* parsed = dynamic_cast<const Engine::DockerFilePolicy*>(policy.get());
     FUZZ_CHECK(parsed != nullptr);
-    Lookup(*parsed, "", "");
-    Lookup(*parsed, "sha256:0123", "nginx");
-    Lookup(*parsed, "sha256:0123", "tarnwick/busybox:latest");
+    for (const char* name : {"", "nginx", "tarnwick/busybox:latest"})
+        Lookup(*parsed, *name != '\0' ? "sha256:0123" : "", name);
     // Every rule the document names is found again by its own image id or name.
     Json::Value root, content, rules;
     if (SDK::JsonUtils::ParseJsonStr(document, root) != 0 ||
         !SDK::JsonUtils::GetSubobjectValue(root, "content", content) ||
-        !SDK::JsonUtils::GetArrayValue(content, "rules", rules)) {
+        !SDK::JsonUtils::GetArrayValue(content, "rules", rules))
         return 0;
-    }
     for (const auto& rule : rules) {
         const std::string id = SDK::JsonUtils::GetStringValue(rule, "image_id", "");
         const std::string name = SDK::JsonUtils::GetStringValue(rule, "image_name", "");
