@@ -2,7 +2,9 @@
 // real rsyslogd (over TCP, restarted too) and nginx (stopped and started again) are the
 // end-to-end syslog and collector cases.
 #include <Poco/Net/DatagramSocket.h>
+#include <Poco/Net/HTTPRequest.h>
 #include <Poco/Net/ServerSocket.h>
+#include <Poco/Net/SocketStream.h>
 #include <Poco/Net/StreamSocket.h>
 #include <gtest/gtest.h>
 #include <unistd.h>
@@ -79,23 +81,6 @@ TEST(SyslogSinkTest, EachAlarmIsOneDatagramAndTheSinkReconnectsToANewSocket) {
     EXPECT_NE(Receive(*daemon).find(tail + Doc(3)), std::string::npos);
 }
 
-// The request a collector received on `peer`: its head and a body of Content-Length bytes.
-std::string ReadRequest(Poco::Net::StreamSocket& peer) {
-    std::string text;
-    char buffer[8192];
-    peer.setReceiveTimeout(Poco::Timespan(10, 0));
-    for (int n; (n = peer.receiveBytes(buffer, sizeof(buffer))) > 0;) {
-        text.append(buffer, static_cast<std::size_t>(n));
-        const auto head = text.find("\r\n\r\n");
-        const auto length = text.find("Content-Length: ");
-        if (head != std::string::npos && length != std::string::npos &&
-            text.size() >= head + 4 + std::stoul(text.substr(length + 16))) {
-            break;
-        }
-    }
-    return text;
-}
-
 // A batch is one POST of JSON lines. The collector's answer decides: 2xx delivered, 4xx refused
 // for good, 5xx (and no answer within the timeout, which must not hang) asked again later.
 // Delivery to a real collector (nginx), and through its outage, is the end-to-end collector case.
@@ -120,10 +105,16 @@ TEST(HttpSinkTest, ABatchIsOnePostOfJsonLinesAndOnlyARefusalIsFinal) {
             std::async(std::launch::async, [&] { return HttpSink(settings).Deliver(docs); });
         ASSERT_TRUE(collector.poll(Poco::Timespan(10, 0), Poco::Net::Socket::SELECT_READ));
         Poco::Net::StreamSocket peer = collector.acceptConnection();
-        const std::string request = ReadRequest(peer);
-        EXPECT_EQ(request.rfind("POST /alarms HTTP/1.1\r\n", 0), 0u) << request;
-        EXPECT_NE(request.find("\r\nContent-Type: application/x-ndjson\r\n"), std::string::npos);
-        EXPECT_EQ(request.substr(request.find("\r\n\r\n") + 4), docs[0] + "\n" + docs[1] + "\n");
+        peer.setReceiveTimeout(Poco::Timespan(10, 0));
+        Poco::Net::SocketStream in(peer);
+        Poco::Net::HTTPRequest request;
+        request.read(in);
+        std::string body(static_cast<std::size_t>(request.getContentLength()), '\0');
+        in.read(body.data(), static_cast<std::streamsize>(body.size()));
+        EXPECT_EQ(request.getMethod() + " " + request.getURI() + " " + request.getVersion(),
+                  "POST /alarms HTTP/1.1");
+        EXPECT_EQ(request.getContentType(), "application/x-ndjson");
+        EXPECT_EQ(body, docs[0] + "\n" + docs[1] + "\n");
         const std::string reply =
             "HTTP/1.1 " + row.status + "\r\nContent-Length: 5\r\nConnection: close\r\n\r\nbusy\n";
         if (!row.status.empty()) peer.sendBytes(reply.data(), static_cast<int>(reply.size()));
@@ -138,22 +129,18 @@ TEST(HttpSinkTest, ABatchIsOnePostOfJsonLinesAndOnlyARefusalIsFinal) {
     }
 }
 
+// One row per way a target or URL is refused; what is taken, and the facilities, are checked
+// through the agent's settings check and the sinks above.
 TEST(OutputSettings, OnlyWellFormedSyslogTargetsAndHttpUrlsAreTaken) {
     SyslogSink::Endpoint endpoint;
     std::string error;
-    EXPECT_TRUE(SyslogSink::ParseTarget("unix:/dev/log", endpoint, error));
     EXPECT_TRUE(SyslogSink::ParseTarget("tcp:[::1]:6514", endpoint, error));
     EXPECT_EQ(endpoint.transport, SyslogSink::Transport::kTcp);
-    for (const char* bad : {"/dev/log", "unix:dev/log", "udp:host", "tcp:host:0", "tcp:host:99999",
-                            "tcp::514x", "smtp:host:25", ""}) {
+    for (const char* bad : {"unix:dev/log", "udp:host", "tcp:host:0", "tcp:host:99999", "tcp::514x",
+                            "smtp:host:25"}) {
         EXPECT_FALSE(SyslogSink::ParseTarget(bad, endpoint, error)) << bad;
     }
-    EXPECT_EQ(SyslogSink::FacilityCode("local7"), 23);
-    EXPECT_EQ(SyslogSink::FacilityCode("nope"), -1);
-    EXPECT_TRUE(HttpSink::Validate("http://collector:8080/alarms", error));
-    EXPECT_TRUE(HttpSink::Validate("https://collector/alarms", error));
-    for (const char* bad :
-         {"", "collector:8080", "ftp://collector/", "http:///alarms", "http://[::1"}) {
+    for (const char* bad : {"ftp://collector/", "http:///alarms", "http://[::1"}) {
         EXPECT_FALSE(HttpSink::Validate(bad, error)) << bad;
     }
 }
