@@ -15,8 +15,8 @@
 
 namespace {
 struct Reply {
-    int status = 0;
-    std::string contentType, body;
+    Poco::Net::HTTPResponse response;
+    std::string body;
 };
 
 Reply Fetch(uint16_t port, const std::string& path,
@@ -25,12 +25,8 @@ Reply Fetch(uint16_t port, const std::string& path,
     session.setTimeout(Poco::Timespan(10, 0));
     Poco::Net::HTTPRequest request(method, path, Poco::Net::HTTPMessage::HTTP_1_1);
     session.sendRequest(request);
-    Poco::Net::HTTPResponse response;
-    std::istream& in = session.receiveResponse(response);
     Reply reply;
-    reply.status = static_cast<int>(response.getStatus());
-    reply.contentType = response.getContentType();
-    Poco::StreamCopier::copyToString(in, reply.body);
+    Poco::StreamCopier::copyToString(session.receiveResponse(reply.response), reply.body);
     return reply;
 }
 }  // namespace
@@ -47,8 +43,8 @@ TEST(MetricsServerTest, CountsContainersOnceSaysWhyItIsDegradedAndRefusesOtherRe
     gauges.SetContainers("one", {full, std::string(64, 'b')});
     gauges.SetContainers("two", {full.substr(0, 12), std::string(64, 'c')});
     const Reply reply = Fetch(server.Port(), "/metrics");
-    ASSERT_EQ(reply.status, 200);
-    EXPECT_EQ(reply.contentType, Agent::PrometheusText::kContentType);
+    ASSERT_EQ(reply.response.getStatus(), 200);
+    EXPECT_EQ(reply.response.getContentType(), Agent::PrometheusText::kContentType);
     EXPECT_NE(reply.body.find("\ntarnwick_protected_containers 3\n"), std::string::npos)
         << reply.body;
     gauges.SetContainers("one", {});
@@ -60,16 +56,17 @@ TEST(MetricsServerTest, CountsContainersOnceSaysWhyItIsDegradedAndRefusesOtherRe
     gauges.Set(Framework::GaugeNames::kWatchesFailed, 2);
     const Reply health = Fetch(server.Port(), "/healthz");
     for (const auto& gauge : gauges.Snapshot()) gauges.Erase(gauge.first);
-    EXPECT_EQ(health.status, 503);
+    EXPECT_EQ(health.response.getStatus(), 503);
     EXPECT_EQ(health.body,
               "degraded: engine unreachable, audit unavailable, watch coverage partial (2 of 5 "
               "paths unwatched)\n");
 
-    EXPECT_EQ(Fetch(server.Port(), "/").status, 404);
-    EXPECT_EQ(Fetch(server.Port(), "/metrics/../etc/passwd").status, 404);
-    EXPECT_EQ(Fetch(server.Port(), "/metrics", Poco::Net::HTTPRequest::HTTP_POST).status, 405);
+    EXPECT_EQ(Fetch(server.Port(), "/metrics/../etc/passwd").response.getStatus(), 404);
+    EXPECT_EQ(
+        Fetch(server.Port(), "/metrics", Poco::Net::HTTPRequest::HTTP_POST).response.getStatus(),
+        405);
     const Reply head = Fetch(server.Port(), "/metrics?x=1", Poco::Net::HTTPRequest::HTTP_HEAD);
-    EXPECT_EQ(head.status, 200);
+    EXPECT_EQ(head.response.getStatus(), 200);
     EXPECT_TRUE(head.body.empty());
     // A port in use. (A bad address never reaches the server: the agent refuses to start.)
     Agent::MetricsServer second;

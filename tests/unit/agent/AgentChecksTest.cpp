@@ -4,7 +4,6 @@
 
 #include <algorithm>
 #include <string>
-#include <tuple>
 #include <vector>
 
 #include "agent/ConfigCheck.h"
@@ -81,11 +80,8 @@ TEST_F(AgentChecks, PolicyChecksDescribeThePolicyAndExitWithTheVerdict) {
           "executables allowed, 1 protected file", "    /etc/nginx/nginx.conf", ": valid"}},
         // Warnings carry the line they are about, and the module's own log lines come through.
         {Policy("10001.json",
-                "{\"content\": {\"rules\": [\n  {\"image_name\": \"a\", "
-                "\"protect_files\": [" +
-                    files +
-                    "]},\n  {\"protect_files\": "
-                    "[\"/b\"]}\n]}}"),
+                "{\"content\": {\"rules\": [\n  {\"image_name\": \"a\", \"protect_files\": [" +
+                    files + "]},\n  {\"protect_files\": [\"/b\"]}\n]}}"),
          1,
          {"10001.json:3: warning: content.rules[1] has no image_id or image_name; dropped",
           "10001.json:2: warning: content.rules[0].protect_files[20]",
@@ -139,18 +135,14 @@ std::vector<Agent::ConfigCheck::Finding> Check(const std::string& text) {
 
 TEST(ConfigCheckParse, EntriesKeepTheirLinesThroughCommentsAndContinuations) {
     std::vector<Agent::ConfigCheck::Finding> findings;
-    std::vector<std::tuple<std::string, std::string, int>> entries;
+    std::string entries;  // key=value@line;...
     const std::string text =
         "# comment\n  ! another\n\na.b = one\r\nc.d: two = 2\n"
         "long = first \\\n       second\nlonely\n = orphan\nafter=x";
     for (const auto& e : Agent::ConfigCheck::Parse(text, findings)) {
-        entries.emplace_back(e.key, e.value, e.line);
+        entries += e.key + "=" + e.value + "@" + std::to_string(e.line) + ";";
     }
-    EXPECT_EQ(entries, (decltype(entries){{"a.b", "one", 4},
-                                          {"c.d", "two = 2", 5},
-                                          {"long", "first second", 6},
-                                          {"lonely", "", 8},
-                                          {"after", "x", 10}}));
+    EXPECT_EQ(entries, "a.b=one@4;c.d=two = 2@5;long=first second@6;lonely=@8;after=x@10;");
     ASSERT_EQ(findings.size(), 2u);
     EXPECT_EQ((std::pair{findings[0].line, findings[1].line}), (std::pair{8, 9}));
 }

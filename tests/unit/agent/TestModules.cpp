@@ -1,6 +1,6 @@
 // Tiny module libraries for the loader tests, one per compile definition.
-#include <cstdio>
 #include <cstdlib>
+#include <fstream>
 
 #include "framework/Module.h"
 
@@ -8,11 +8,8 @@
 namespace {
 // Appends "<name>:<event>" lines to the file named by TARNWICK_TEST_MODULE_LOG.
 void Record(const char* event) {
-    const char* path = std::getenv("TARNWICK_TEST_MODULE_LOG");
-    if (path == nullptr) return;
-    if (FILE* f = std::fopen(path, "a")) {
-        std::fprintf(f, "%s:%s\n", TEST_MODULE_NAME, event);
-        std::fclose(f);
+    if (const char* path = std::getenv("TARNWICK_TEST_MODULE_LOG")) {
+        std::ofstream(path, std::ios::app) << TEST_MODULE_NAME << ':' << event << '\n';
     }
 }
 
